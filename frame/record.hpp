@@ -1,0 +1,128 @@
+// Record access shared by every operator: element traits keyed by type code,
+// typed views of the tile, null bitmap helpers and the export macro.
+#pragma once
+
+#include "qmo_seq.h"
+
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+// Definition side of an exported name. extern "C" makes a signature that
+// drifts from the header's declaration a compile error, not a new overload.
+#define QMO_EXPORT extern "C" QMO_SEQ_API
+
+namespace qmo {
+
+using Iter = qmo_seq_iterator_t;
+
+inline constexpr unsigned kTile = QMO_SEQ_TILE_SIZE;
+inline constexpr uint64_t kUnbounded = ~uint64_t{0};
+
+// ---- element traits -------------------------------------------------------
+
+template <int Code, class T>
+struct ElemOf {
+    using type = T;
+    static constexpr int code = Code;
+    static constexpr uint16_t size = sizeof(T);
+    static constexpr bool is_char = false;
+    static constexpr bool is_float = std::is_floating_point_v<T>;
+    static constexpr bool is_signed = std::is_signed_v<T> && !is_float;
+    static constexpr bool is_datetime = Code == QMO_SEQ_TYPE_DATETIME;
+};
+
+// Elem<code>: the element type with that type code.
+template <int Code>
+struct Elem;
+
+#define QMO_DEFINE_ELEM_(a, t, ctype, code) \
+    template <>                             \
+    struct Elem<code> : ElemOf<code, ctype> {};
+QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_ELEM_, )
+#undef QMO_DEFINE_ELEM_
+
+// Char elements have no fixed size: the width lives in each record.
+template <>
+struct Elem<QMO_SEQ_TYPE_CHAR> {
+    using type = char;
+    static constexpr int code = QMO_SEQ_TYPE_CHAR;
+    static constexpr bool is_char = true;
+    static constexpr bool is_float = false;
+    static constexpr bool is_signed = false;
+    static constexpr bool is_datetime = false;
+};
+
+using Bool = Elem<QMO_SEQ_TYPE_UINT1>;
+using CharElem = Elem<QMO_SEQ_TYPE_CHAR>;
+
+template <class E>
+using value_t = typename E::type;
+
+// ---- typed views of the tile ---------------------------------------------
+
+template <class T>
+inline T *tile(Iter *it) noexcept {
+    if constexpr (std::is_same_v<T, uint8_t>) return it->values.u1;
+    else if constexpr (std::is_same_v<T, uint16_t>) return it->values.u2;
+    else if constexpr (std::is_same_v<T, uint32_t>) return it->values.u4;
+    else if constexpr (std::is_same_v<T, uint64_t>) return it->values.u8;
+    else if constexpr (std::is_same_v<T, int8_t>) return it->values.i1;
+    else if constexpr (std::is_same_v<T, int16_t>) return it->values.i2;
+    else if constexpr (std::is_same_v<T, int32_t>) return it->values.i4;
+    else if constexpr (std::is_same_v<T, int64_t>) return it->values.i8;
+    else if constexpr (std::is_same_v<T, float>) return it->values.f4;
+    else if constexpr (std::is_same_v<T, double>) return it->values.f8;
+    else {
+        static_assert(std::is_same_v<T, char>, "not an element type");
+        return it->values.bytes;
+    }
+}
+
+template <class T>
+inline const T *tile(const Iter *it) noexcept {
+    return tile<T>(const_cast<Iter *>(it));
+}
+
+// Bytes per element of a record of element type E.
+template <class E>
+inline unsigned elem_width(const Iter *it) noexcept {
+    if constexpr (E::is_char) return it->elem_size;
+    else return E::size;
+}
+
+// ---- null bitmap ----------------------------------------------------------
+
+inline bool is_null(const Iter *it, unsigned i) noexcept {
+    return (it->null_bitmap[i >> 6] >> (i & 63)) & 1u;
+}
+inline void set_null(Iter *it, unsigned i) noexcept {
+    it->null_bitmap[i >> 6] |= uint64_t{1} << (i & 63);
+}
+inline void set_null_bit(Iter *it, unsigned i, bool null) noexcept {
+    it->null_bitmap[i >> 6] |= uint64_t{null} << (i & 63);
+}
+inline bool has_nulls(const Iter *it) noexcept {
+    return (it->null_bitmap[0] | it->null_bitmap[1]) != 0;
+}
+inline void clear_nulls(Iter *it) noexcept {
+    it->null_bitmap[0] = 0;
+    it->null_bitmap[1] = 0;
+}
+inline void copy_nulls(Iter *to, const Iter *from) noexcept {
+    to->null_bitmap[0] = from->null_bitmap[0];
+    to->null_bitmap[1] = from->null_bitmap[1];
+}
+
+// ---- bindings -------------------------------------------------------------
+
+inline bool bindings_checked() noexcept { return qmo_seq_check_bindings != 0; }
+
+// A consumer may not read a record that an operator owns.
+inline int check_readable(const Iter *it, int code) noexcept {
+    if (it->elem_type != code) return QMO_SEQ_TYPE_MISMATCH;
+    if (bindings_checked() && it->bound) return QMO_SEQ_ALREADY_BOUND;
+    return QMO_SEQ_OK;
+}
+
+}  // namespace qmo

@@ -1,0 +1,351 @@
+/*
+ * qmo_seq.h - sequence operators over tiles of fixed-width values.
+ *
+ * A sequence is an iterator record (qmo_seq_iterator_t) that the caller
+ * allocates and an exported constructor fills. Constructors take already
+ * constructed operand records, so an expression is a tree of records built
+ * leaves first. Pulling the root's next function yields one tile of up to
+ * QMO_SEQ_TILE_SIZE values plus a 128-bit null bitmap (bit set = null).
+ *
+ * Every function returns a status (QMO_SEQ_OK, QMO_SEQ_END, ...). The library
+ * never allocates or frees records; it allocates scratch memory only through
+ * the qmo_seq_malloc / qmo_seq_free hooks. It holds no locks and starts no
+ * threads: one record tree is driven by one thread at a time.
+ *
+ * Operators exist once per element type and the type is part of the name:
+ * qmo_seq_<op>_<type>, pulled by qmo_seq_<op>_<type>_next. The declarations
+ * below are stamped from the type lists in this header (QMO_SEQ_NUMERIC_TYPES
+ * and friends); the library defines its functions from the same lists, so a
+ * name cannot be declared without being defined.
+ *
+ * Valid C99 and C++.
+ */
+#ifndef QMO_SEQ_H
+#define QMO_SEQ_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+/* ------------------------------------------------------------------------
+ * Visibility. QMO_SEQ_API marks the library's exported names; QMO_SEQ_CORE_API
+ * marks the few names the database core supplies (the stand-alone support
+ * library qmo_seq_standalone provides them when there is no core).
+ * ---------------------------------------------------------------------- */
+#if defined(_WIN32)
+#  if defined(QMO_SEQ_BUILDING)
+#    define QMO_SEQ_API __declspec(dllexport)
+#  else
+#    define QMO_SEQ_API
+#  endif
+#  if defined(QMO_SEQ_CORE_BUILDING)
+#    define QMO_SEQ_CORE_API __declspec(dllexport)
+#  else
+#    define QMO_SEQ_CORE_API
+#  endif
+#elif defined(__GNUC__)
+#  define QMO_SEQ_API __attribute__((visibility("default")))
+#  define QMO_SEQ_CORE_API __attribute__((visibility("default")))
+#else
+#  define QMO_SEQ_API
+#  define QMO_SEQ_CORE_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------
+ * Sizes, element types and status codes
+ * ---------------------------------------------------------------------- */
+
+/** Elements per tile. */
+#define QMO_SEQ_TILE_SIZE 128
+/** Words of operator state in every record. */
+#define QMO_SEQ_STATE_WORDS 36
+/** Widest char element a record can hold (bytes); char constructors refuse more. */
+#define QMO_SEQ_MAX_CHAR_WIDTH 32
+/** Bytes of the values area of a record: 128 elements of the widest char. */
+#define QMO_SEQ_VALUES_BYTES (QMO_SEQ_TILE_SIZE * QMO_SEQ_MAX_CHAR_WIDTH)
+
+/** Element type codes (the record's elem_type). Codes 10 and 11 are unused. */
+enum qmo_seq_type {
+    QMO_SEQ_TYPE_UINT1 = 0,  /* uint8_t; also booleans (0 or 1, one byte each) */
+    QMO_SEQ_TYPE_UINT2 = 1,  /* uint16_t */
+    QMO_SEQ_TYPE_UINT4 = 2,  /* uint32_t */
+    QMO_SEQ_TYPE_UINT8 = 3,  /* uint64_t */
+    QMO_SEQ_TYPE_INT1 = 4,   /* int8_t */
+    QMO_SEQ_TYPE_INT2 = 5,   /* int16_t */
+    QMO_SEQ_TYPE_INT4 = 6,   /* int32_t */
+    QMO_SEQ_TYPE_INT8 = 7,   /* int64_t */
+    QMO_SEQ_TYPE_FLOAT = 8,  /* IEEE single */
+    QMO_SEQ_TYPE_DOUBLE = 9, /* IEEE double */
+    QMO_SEQ_TYPE_DATETIME = 12, /* uint64_t time stamp; arithmetic as uint8 */
+    QMO_SEQ_TYPE_CHAR = 13   /* fixed-width NUL-padded bytes, width set at construction */
+};
+
+/** Status codes returned by every constructor, next, reset and reader. */
+enum qmo_seq_status {
+    QMO_SEQ_OK = 0,                /* success; for next: a tile was produced */
+    QMO_SEQ_END = 11,              /* end of sequence: this call produced no element */
+    QMO_SEQ_NO_MEMORY = 52,        /* the allocator hook returned null */
+    QMO_SEQ_UNSUPPORTED = 57,      /* operation meaningless for this element type */
+    QMO_SEQ_TYPE_MISMATCH = 61,    /* operand of the wrong element type (or char width rule) */
+    QMO_SEQ_INVALID_ARGUMENT = 62, /* argument out of range, unreadable input */
+    QMO_SEQ_ALREADY_BOUND = 701,   /* operand already taken by another operator */
+    QMO_SEQ_LENGTH_MISMATCH = 702, /* sequences advancing together disagree in length */
+    QMO_SEQ_NULL_VALUE = 703       /* null element where a value is required */
+};
+
+/* ------------------------------------------------------------------------
+ * The iterator record
+ * ---------------------------------------------------------------------- */
+
+typedef struct qmo_seq_iterator qmo_seq_iterator_t;
+
+/** Produces the next tile; 0, QMO_SEQ_END or an error. */
+typedef int (*qmo_seq_next_fn)(qmo_seq_iterator_t *it);
+/** Rewinds a sequence to its first element. */
+typedef int (*qmo_seq_reset_fn)(qmo_seq_iterator_t *it);
+/** Folds a partition ahead of merging (qmo_seq_prepare_aggregate) or builds a hash table. */
+typedef int (*qmo_seq_prepare_fn)(qmo_seq_iterator_t *it);
+/** Folds another partition's partial result (from) into this record (into). */
+typedef int (*qmo_seq_merge_fn)(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+
+/**
+ * One sequence. The caller owns the record and keeps it alive while any
+ * other record uses it as an operand. Field order and widths are part of
+ * the ABI.
+ */
+struct qmo_seq_iterator {
+    qmo_seq_next_fn next;       /* produces the next tile */
+    qmo_seq_reset_fn reset;     /* rewinds the subtree */
+    qmo_seq_prepare_fn prepare; /* aggregate-like operators only, else null */
+    qmo_seq_merge_fn merge;     /* aggregate-like operators only, else null */
+    uint16_t elem_size;         /* bytes per element (char: the width) */
+    uint16_t tile_count;        /* valid elements in the current tile, 0..128 */
+    uint16_t cursor;            /* consumer's read position (element readers only) */
+    uint8_t reserved;           /* unused */
+    uint8_t prepared;           /* set by qmo_seq_prepare_aggregate */
+    uint64_t first_pos;         /* index of the first element delivered (limit: lower bound) */
+    uint64_t pos;               /* elements delivered through the end of the current tile */
+    uint64_t last_pos;          /* last deliverable index, inclusive; all-ones = unbounded */
+    qmo_seq_iterator_t *operand1;
+    qmo_seq_iterator_t *operand2;
+    qmo_seq_iterator_t *operand3;
+    void *buf;                  /* array of an array source, or qmo_seq_alloc_buffer memory */
+    uint64_t buf_size;          /* bytes at buf */
+    uint8_t elem_type;          /* enum qmo_seq_type */
+    uint8_t bound;              /* 1 once taken as an operand */
+    uint64_t state[QMO_SEQ_STATE_WORDS]; /* operator parameters and running state */
+    uint64_t null_bitmap[2];    /* bit i (word i / 64, bit i % 64) set: element i is null */
+    union {                     /* the tile, element i at byte i * elem_size */
+        uint8_t u1[QMO_SEQ_VALUES_BYTES];
+        uint16_t u2[QMO_SEQ_VALUES_BYTES / 2];
+        uint32_t u4[QMO_SEQ_VALUES_BYTES / 4];
+        uint64_t u8[QMO_SEQ_VALUES_BYTES / 8];
+        int8_t i1[QMO_SEQ_VALUES_BYTES];
+        int16_t i2[QMO_SEQ_VALUES_BYTES / 2];
+        int32_t i4[QMO_SEQ_VALUES_BYTES / 4];
+        int64_t i8[QMO_SEQ_VALUES_BYTES / 8];
+        float f4[QMO_SEQ_VALUES_BYTES / 4];
+        double f8[QMO_SEQ_VALUES_BYTES / 8];
+        uint64_t dt[QMO_SEQ_VALUES_BYTES / 8];
+        char bytes[QMO_SEQ_VALUES_BYTES];
+    } values;
+};
+
+/* ------------------------------------------------------------------------
+ * Type lists. Each entry is X(arg, suffix, C type, type code); arg is passed
+ * through so that lists can be nested (an operator list over a type list).
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_SIGNED_TYPES(X, a)                \
+    X(a, int1, int8_t, QMO_SEQ_TYPE_INT1)         \
+    X(a, int2, int16_t, QMO_SEQ_TYPE_INT2)        \
+    X(a, int4, int32_t, QMO_SEQ_TYPE_INT4)        \
+    X(a, int8, int64_t, QMO_SEQ_TYPE_INT8)
+
+#define QMO_SEQ_UNSIGNED_TYPES(X, a)              \
+    X(a, uint1, uint8_t, QMO_SEQ_TYPE_UINT1)      \
+    X(a, uint2, uint16_t, QMO_SEQ_TYPE_UINT2)     \
+    X(a, uint4, uint32_t, QMO_SEQ_TYPE_UINT4)     \
+    X(a, uint8, uint64_t, QMO_SEQ_TYPE_UINT8)
+
+#define QMO_SEQ_FLOAT_TYPES(X, a)                 \
+    X(a, float, float, QMO_SEQ_TYPE_FLOAT)        \
+    X(a, double, double, QMO_SEQ_TYPE_DOUBLE)
+
+/** The eleven numeric suffixes, in the library's canonical order. */
+#define QMO_SEQ_NUMERIC_TYPES(X, a)               \
+    QMO_SEQ_SIGNED_TYPES(X, a)                    \
+    QMO_SEQ_UNSIGNED_TYPES(X, a)                  \
+    QMO_SEQ_FLOAT_TYPES(X, a)                     \
+    X(a, datetime, uint64_t, QMO_SEQ_TYPE_DATETIME)
+
+/** The eleven numeric suffixes and char (elements of width bytes). */
+#define QMO_SEQ_ALL_TYPES(X, a)                   \
+    QMO_SEQ_NUMERIC_TYPES(X, a)                   \
+    X(a, char, char, QMO_SEQ_TYPE_CHAR)
+
+/* ------------------------------------------------------------------------
+ * Supplied by the database core (or by the stand-alone support library
+ * qmo_seq_standalone). The library calls these but never defines them.
+ * ---------------------------------------------------------------------- */
+
+/** Non-zero: constructors and readers refuse bound records (701). */
+QMO_SEQ_CORE_API extern int32_t qmo_seq_check_bindings;
+
+/** Rewinds the record itself: empty tile, cursor 0, position 0. Operands untouched. */
+QMO_SEQ_CORE_API int qmo_seq_reset_iterator(qmo_seq_iterator_t *it);
+/** Resets operand 1, then the record itself; returns the first non-zero status. */
+QMO_SEQ_CORE_API int qmo_seq_reset_unary_iterator(qmo_seq_iterator_t *it);
+/** Resets operands 1 and 2, then the record itself; returns the first non-zero status. */
+QMO_SEQ_CORE_API int qmo_seq_reset_binary_iterator(qmo_seq_iterator_t *it);
+/** Copies nbits null bits from src (starting at bit src_bit) to dst (at bit dst_bit). */
+QMO_SEQ_CORE_API void qmo_seq_copy_bitmap(uint64_t *dst, uint64_t dst_bit, const uint64_t *src,
+                                          uint64_t src_bit, uint64_t nbits);
+/** The index-th (0..28) of 29 growing primes used as hash table sizes. */
+QMO_SEQ_CORE_API uint32_t qmo_int_get_prime_number(int index);
+/** Byte-wise comparison: negative, zero or positive. */
+QMO_SEQ_CORE_API int qmo_memcmp(const void *a, const void *b, size_t n);
+/** Zeroes n bytes. */
+QMO_SEQ_CORE_API void qmo_memnull(void *p, size_t n);
+/** Moves n bytes; the ranges may overlap. */
+QMO_SEQ_CORE_API void qmo_memmove(void *dst, const void *src, size_t n);
+/** First occurrence of c in the NUL-terminated s, or null. */
+QMO_SEQ_CORE_API char *qmo_strchr(const char *s, int c);
+
+/* ------------------------------------------------------------------------
+ * Allocation hooks and scratch buffers
+ * ---------------------------------------------------------------------- */
+
+/** Allocation hook: context is the iterator (or hash state) memory is taken for. */
+typedef void *(*qmo_seq_malloc_fn)(void *context, size_t size);
+/** Release hook: size is the one passed at allocation. */
+typedef void (*qmo_seq_free_fn)(void *context, void *memory, size_t size);
+
+/** Every allocation of the library goes through this hook (default qmo_seq_sys_malloc). */
+QMO_SEQ_API extern qmo_seq_malloc_fn qmo_seq_malloc;
+/** Every release goes through this hook (default qmo_seq_sys_free). */
+QMO_SEQ_API extern qmo_seq_free_fn qmo_seq_free;
+
+/** The system allocator; ignores the context. */
+QMO_SEQ_API void *qmo_seq_sys_malloc(void *context, size_t size);
+/** The system release; ignores context and size. */
+QMO_SEQ_API void qmo_seq_sys_free(void *context, void *memory, size_t size);
+/** Stores both hooks (no check for null). Set once, before sequences are built. */
+QMO_SEQ_API void qmo_seq_redefine_allocator(qmo_seq_malloc_fn malloc_hook, qmo_seq_free_fn free_hook);
+
+/** Takes size bytes through qmo_seq_malloc into it->buf (it->buf_size = size); null on failure. */
+QMO_SEQ_API void *qmo_seq_alloc_buffer(qmo_seq_iterator_t *it, uint64_t size);
+/** Releases it->buf through qmo_seq_free and clears it; does nothing without a buffer. */
+QMO_SEQ_API void qmo_seq_free_buffer(qmo_seq_iterator_t *it);
+
+/** Stores on in qmo_seq_check_bindings and returns the previous value. */
+QMO_SEQ_API int qmo_seq_enable_check_bindings(int on);
+
+/* ------------------------------------------------------------------------
+ * Resets installed by stateful operators. Each clears its state words and
+ * then delegates to the core reset matching the operand count.
+ * ---------------------------------------------------------------------- */
+
+/** State words 2-4 cleared, then the unary reset. */
+QMO_SEQ_API int qmo_seq_reset_unary_agg_iterator(qmo_seq_iterator_t *it);
+/** State words 2-4 cleared, then the binary reset. */
+QMO_SEQ_API int qmo_seq_reset_binary_agg_iterator(qmo_seq_iterator_t *it);
+/** State words 2-4 cleared, operands 1-3 reset (null ones skipped), then the record. */
+QMO_SEQ_API int qmo_seq_reset_ternary_agg_iterator(qmo_seq_iterator_t *it);
+/** State words 1-3 cleared, then the binary reset. */
+QMO_SEQ_API int qmo_seq_reset_union_iterator(qmo_seq_iterator_t *it);
+/** State word 2 cleared, then the unary reset. */
+QMO_SEQ_API int qmo_seq_reset_repeat_iterator(qmo_seq_iterator_t *it);
+/** Text pointer (word 1) back to the start of the text (word 2), then the record. */
+QMO_SEQ_API int qmo_seq_reset_parse_iterator(qmo_seq_iterator_t *it);
+/** As qmo_seq_reset_parse_iterator, for caller-defined parsers. */
+QMO_SEQ_API int qmo_seq_reset_custom_parse_iterator(qmo_seq_iterator_t *it);
+
+/* ------------------------------------------------------------------------
+ * Constants and element readers, for every type t:
+ *
+ *   qmo_seq_const_<t>(result, value)        endless sequence of value
+ *   qmo_seq_next_<t>(it, &element)          one element; 703 if it is null
+ *                                           (the value is still copied out)
+ *   qmo_seq_get_<t>(it, array, &count)      up to *count non-null elements,
+ *                                           *count = number stored
+ *
+ * Char elements are copied as elem_size bytes; qmo_seq_const_char takes the
+ * bytes and the width (1..QMO_SEQ_MAX_CHAR_WIDTH, else 62).
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_READERS_(a, t, ctype, code)                                      \
+    QMO_SEQ_API int qmo_seq_next_##t(qmo_seq_iterator_t *it, ctype *element);             \
+    QMO_SEQ_API int qmo_seq_get_##t(qmo_seq_iterator_t *it, ctype *array, uint64_t *count); \
+    QMO_SEQ_API int qmo_seq_const_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_READERS_, )
+
+#define QMO_SEQ_DECLARE_CONST_(a, t, ctype, code) \
+    QMO_SEQ_API int qmo_seq_const_##t(qmo_seq_iterator_t *result, ctype value);
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CONST_, )
+QMO_SEQ_API int qmo_seq_const_char(qmo_seq_iterator_t *result, const char *bytes, size_t width);
+
+/* ------------------------------------------------------------------------
+ * Element-wise operators. Binary operators pull left then right, deliver
+ * min(left count, right count) elements and OR the null bitmaps; values under
+ * null bits are computed too. Unary operators keep their input's bitmap.
+ *
+ *   qmo_seq_<op>_<t>(result, left, right), next qmo_seq_<op>_<t>_next
+ *     arithmetic  add sub mul div mod max min    numeric types (add also char)
+ *     comparison  eq ne lt gt le ge              numeric types and char -> uint1
+ *   qmo_seq_<op>_<t>(result, input)
+ *     sign        abs neg                        numeric types
+ *   qmo_seq_and / or / xor (result, left, right), qmo_seq_not(result, input)
+ *     on uint1, next qmo_seq_<op>_qmo_seq_bool_next
+ *
+ * Integers wrap; division and remainder by zero are not guarded (not even
+ * under null bits). Deliberate quirks: neg of uint1..uint8 and abs of
+ * datetime copy their input, neg of datetime negates modulo 2^64, mod of
+ * datetime goes through double. Float max/min return b when either operand
+ * is NaN or they are equal. Char comparisons need equal widths (61) and
+ * compare all width bytes; add_char concatenates up to each NUL and refuses
+ * a total width above QMO_SEQ_MAX_CHAR_WIDTH (61).
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_ARITHMETIC_OPS(X) X(add) X(sub) X(mul) X(div) X(mod) X(max) X(min)
+#define QMO_SEQ_COMPARISON_OPS(X) X(eq) X(ne) X(lt) X(gt) X(le) X(ge)
+#define QMO_SEQ_SIGN_OPS(X) X(abs) X(neg)
+
+#define QMO_SEQ_DECLARE_BINARY_(op, t, ctype, code)                                  \
+    QMO_SEQ_API int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left, \
+                                       qmo_seq_iterator_t *right);                    \
+    QMO_SEQ_API int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_UNARY_(op, t, ctype, code)                                         \
+    QMO_SEQ_API int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input); \
+    QMO_SEQ_API int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_DECLARE_NUMERIC_BINARY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_BINARY_, op)
+#define QMO_SEQ_DECLARE_ALL_BINARY_(op) QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_BINARY_, op)
+#define QMO_SEQ_DECLARE_NUMERIC_UNARY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_UNARY_, op)
+
+QMO_SEQ_ARITHMETIC_OPS(QMO_SEQ_DECLARE_NUMERIC_BINARY_)
+QMO_SEQ_DECLARE_BINARY_(add, char, char, QMO_SEQ_TYPE_CHAR)
+QMO_SEQ_COMPARISON_OPS(QMO_SEQ_DECLARE_ALL_BINARY_)
+QMO_SEQ_SIGN_OPS(QMO_SEQ_DECLARE_NUMERIC_UNARY_)
+
+/* and, or, xor and not are operator spellings in C++, so these are not stamped. */
+QMO_SEQ_API int qmo_seq_and(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,
+                            qmo_seq_iterator_t *right);
+QMO_SEQ_API int qmo_seq_and_qmo_seq_bool_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_or(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,
+                           qmo_seq_iterator_t *right);
+QMO_SEQ_API int qmo_seq_or_qmo_seq_bool_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_xor(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,
+                            qmo_seq_iterator_t *right);
+QMO_SEQ_API int qmo_seq_xor_qmo_seq_bool_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_not(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
+QMO_SEQ_API int qmo_seq_not_qmo_seq_bool_next(qmo_seq_iterator_t *it);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* QMO_SEQ_H */
