@@ -18,6 +18,8 @@ using Iter = qmo_seq_iterator_t;
 
 inline constexpr unsigned kTile = QMO_SEQ_TILE_SIZE;
 inline constexpr uint64_t kUnbounded = ~uint64_t{0};
+// How far ahead streaming sources and sinks prefetch caller arrays.
+inline constexpr size_t kPrefetchBytes = 2048;
 
 // ---- element traits -------------------------------------------------------
 

@@ -289,6 +289,38 @@ QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CONST_, )
 QMO_SEQ_API int qmo_seq_const_char(qmo_seq_iterator_t *result, const char *bytes, size_t width);
 
 /* ------------------------------------------------------------------------
+ * Sources over caller arrays, for every type t:
+ *
+ *   qmo_seq_unget_<t>(result, array, count)
+ *   qmo_seq_unget_nullable_<t>(result, array, count, nulls)
+ *
+ * The array (and the null bitmap, bit i of word i / 64 set = element i null)
+ * is not copied: it must outlive the sequence. Tiles are 128 elements until
+ * the last. Reset with qmo_seq_unget_reset. The char members take the
+ * element width (1..QMO_SEQ_MAX_CHAR_WIDTH) as a last argument; with another
+ * width they return 62.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_UNGET_(a, t, ctype, code)                                                \
+    QMO_SEQ_API int qmo_seq_unget_##t(qmo_seq_iterator_t *result, const ctype *array,            \
+                                      uint64_t count);                                            \
+    QMO_SEQ_API int qmo_seq_unget_nullable_##t(qmo_seq_iterator_t *result, const ctype *array,   \
+                                               uint64_t count, const uint64_t *nulls);
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_UNGET_, )
+QMO_SEQ_API int qmo_seq_unget_char(qmo_seq_iterator_t *result, const char *array, uint64_t count,
+                                   size_t width);
+QMO_SEQ_API int qmo_seq_unget_nullable_char(qmo_seq_iterator_t *result, const char *array,
+                                            uint64_t count, const uint64_t *nulls, size_t width);
+
+#define QMO_SEQ_DECLARE_UNGET_NEXT_(a, t, ctype, code)                      \
+    QMO_SEQ_API int qmo_seq_unget_##t##_next(qmo_seq_iterator_t *it);        \
+    QMO_SEQ_API int qmo_seq_unget_nullable_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_UNGET_NEXT_, )
+
+/** Reset of the array sources: rewinds to the first element. */
+QMO_SEQ_API int qmo_seq_unget_reset(qmo_seq_iterator_t *it);
+
+/* ------------------------------------------------------------------------
  * Element-wise operators. Binary operators pull left then right, deliver
  * min(left count, right count) elements and OR the null bitmaps; values under
  * null bits are computed too. Unary operators keep their input's bitmap.
