@@ -52,10 +52,11 @@ TEST(Constant, FillsOneFullTileAndNeverEnds) {
 
 TEST(Constant, CharCopiesWidthBytesIntoEverySlot) {
     Iter c;
-    ASSERT_EQ(qmo_seq_const_char(&c, "abc", 5), 0);  // copies the NUL after "abc" and one more byte
+    const char bytes[5] = {'a', 'b', 'c', 0, 'z'};  // every width byte is copied, after the NUL too
+    ASSERT_EQ(qmo_seq_const_char(&c, bytes, 5), 0);
     EXPECT_EQ(c.elem_size, 5);
     ASSERT_EQ(c.next(&c), 0);
-    EXPECT_EQ(std::string(c.values.bytes + 127 * 5, 3), "abc");
+    EXPECT_EQ(std::string(c.values.bytes + 127 * 5, 5), std::string(bytes, 5));
     EXPECT_EQ(qmo_seq_const_char(&c, "x", 0), QMO_SEQ_INVALID_ARGUMENT);
     EXPECT_EQ(qmo_seq_const_char(&c, "x", QMO_SEQ_MAX_CHAR_WIDTH + 1), QMO_SEQ_INVALID_ARGUMENT);
 }
