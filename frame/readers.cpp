@@ -68,6 +68,34 @@ int read_many(Iter *it, value_t<E> *array, uint64_t *count) {
     }
 }
 
+// Like read_many, but null elements keep their slots and bits.
+template <class E>
+int read_many_nullable(Iter *it, value_t<E> *array, uint64_t *count, uint64_t *nulls) {
+    if (int rc = check_readable(it, E::code)) return rc;
+    const uint64_t room = *count;
+    qmo_memnull(nulls, (room + 63) / 64 * sizeof(uint64_t));
+    if (room == 0) return QMO_SEQ_OK;
+    const unsigned width = elem_width<E>(it);
+    char *out = reinterpret_cast<char *>(array);
+    uint64_t stored = 0;
+    while (stored < room) {
+        if (it->cursor >= it->tile_count) {
+            if (const int rc = it->next(it)) {
+                *count = stored;
+                return rc == QMO_SEQ_END && stored > 0 ? QMO_SEQ_OK : rc;
+            }
+            it->cursor = 0;
+        }
+        const unsigned k = static_cast<unsigned>(std::min<uint64_t>(it->tile_count - it->cursor, room - stored));
+        std::memcpy(out + stored * width, tile<char>(it) + size_t{it->cursor} * width, size_t{k} * width);
+        qmo_seq_copy_bitmap(nulls, stored, it->null_bitmap, it->cursor, k);
+        stored += k;
+        it->cursor = static_cast<uint16_t>(it->cursor + k);
+    }
+    *count = stored;
+    return QMO_SEQ_OK;
+}
+
 }  // namespace
 }  // namespace qmo
 
@@ -77,5 +105,9 @@ int read_many(Iter *it, value_t<E> *array, uint64_t *count) {
     }                                                                                     \
     QMO_EXPORT int qmo_seq_get_##t(qmo_seq_iterator_t *it, ctype *array, uint64_t *count) { \
         return qmo::read_many<qmo::Elem<code>>(it, array, count);                         \
+    }                                                                                     \
+    QMO_EXPORT int qmo_seq_get_nullable_##t(qmo_seq_iterator_t *it, ctype *array,         \
+                                            uint64_t *count, uint64_t *nulls) {           \
+        return qmo::read_many_nullable<qmo::Elem<code>>(it, array, count, nulls);         \
     }
 QMO_SEQ_ALL_TYPES(QMO_DEFINE_READERS_, )

@@ -272,6 +272,11 @@ QMO_SEQ_API int qmo_seq_reset_custom_parse_iterator(qmo_seq_iterator_t *it);
  *                                           (the value is still copied out)
  *   qmo_seq_get_<t>(it, array, &count)      up to *count non-null elements,
  *                                           *count = number stored
+ *   qmo_seq_get_nullable_<t>(it, array, &count, nulls)
+ *                                           up to *count elements, nulls kept
+ *                                           in place and flagged in the caller's
+ *                                           bitmap (ceil(*count / 64) words,
+ *                                           cleared first)
  *
  * Char elements are copied as elem_size bytes; qmo_seq_const_char takes the
  * bytes and the width (1..QMO_SEQ_MAX_CHAR_WIDTH, else 62).
@@ -280,6 +285,8 @@ QMO_SEQ_API int qmo_seq_reset_custom_parse_iterator(qmo_seq_iterator_t *it);
 #define QMO_SEQ_DECLARE_READERS_(a, t, ctype, code)                                      \
     QMO_SEQ_API int qmo_seq_next_##t(qmo_seq_iterator_t *it, ctype *element);             \
     QMO_SEQ_API int qmo_seq_get_##t(qmo_seq_iterator_t *it, ctype *array, uint64_t *count); \
+    QMO_SEQ_API int qmo_seq_get_nullable_##t(qmo_seq_iterator_t *it, ctype *array,         \
+                                             uint64_t *count, uint64_t *nulls);           \
     QMO_SEQ_API int qmo_seq_const_##t##_next(qmo_seq_iterator_t *it);
 QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_READERS_, )
 
