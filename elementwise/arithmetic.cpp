@@ -1,5 +1,5 @@
 // Arithmetic: add sub mul div mod max min over the numeric types, abs and neg,
-// and concatenation of char strings (add_char).
+// and the two ways of joining char elements (add_char, cat).
 #include "elementwise/kernels.hpp"
 #include "frame/numeric.hpp"
 
@@ -112,6 +112,17 @@ struct add<CharElem> {
     }
 };
 
+// cat: both elements whole, the left padding kept. Any operand type is taken
+// as bytes; only the summed width is checked.
+struct cat {
+    using in = CharElem;
+    using out = CharElem;
+    static void apply_bytes(char *out, const char *a, unsigned wa, const char *b, unsigned wb, unsigned) {
+        std::memcpy(out, a, wa);
+        std::memcpy(out + wa, b, wb);
+    }
+};
+
 }  // namespace qmo::ops
 
 #define QMO_STAMP_ARITHMETIC_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_BINARY, op)
@@ -120,3 +131,12 @@ QMO_STAMP_BINARY(add, char, char, QMO_SEQ_TYPE_CHAR)
 
 #define QMO_STAMP_SIGN_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_UNARY, op)
 QMO_SEQ_SIGN_OPS(QMO_STAMP_SIGN_)
+
+QMO_EXPORT int qmo_seq_cat_next(qmo_seq_iterator_t *it) { return qmo::binary_next<qmo::ops::cat>(it); }
+
+QMO_EXPORT int qmo_seq_cat(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left, qmo_seq_iterator_t *right) {
+    const unsigned width = left->elem_size + right->elem_size;
+    if (width > QMO_SEQ_MAX_CHAR_WIDTH) return QMO_SEQ_TYPE_MISMATCH;
+    return qmo::construct(result, qmo::Setup{QMO_SEQ_TYPE_CHAR, width, qmo_seq_cat_next,
+                                             qmo_seq_reset_binary_iterator, left, right});
+}

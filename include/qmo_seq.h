@@ -328,6 +328,77 @@ QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_UNGET_NEXT_, )
 QMO_SEQ_API int qmo_seq_unget_reset(qmo_seq_iterator_t *it);
 
 /* ------------------------------------------------------------------------
+ * Plumbing: operators that shape a stream without computing on it.
+ *
+ *   qmo_seq_tee(a, b, source)       two readers of one stream; they may be at
+ *                                   most one tile apart (the follower copies
+ *                                   the leader's current tile)
+ *   qmo_seq_concat(result, first, second)
+ *                                   first then second, packed into full tiles
+ *                                   across the seam; a tile of fewer than 128
+ *                                   ends the first stream. Same type and
+ *                                   element size, else 61.
+ *   qmo_seq_cat(result, left, right)
+ *                                   char elements joined byte for byte (the
+ *                                   left padding kept); widths summing above
+ *                                   QMO_SEQ_MAX_CHAR_WIDTH give 61
+ *   qmo_seq_limit(result, input, from, till)
+ *                                   positions from..till (inclusive, from 0)
+ *   qmo_seq_skip_nan_float / _double(result, input)
+ *                                   drops NaN and null elements
+ *
+ * tee, concat and limit take any type and copy their input's type and size.
+ * ---------------------------------------------------------------------- */
+
+QMO_SEQ_API int qmo_seq_tee(qmo_seq_iterator_t *a, qmo_seq_iterator_t *b, qmo_seq_iterator_t *source);
+QMO_SEQ_API int qmo_seq_tee_next(qmo_seq_iterator_t *it);
+/** Empties the twin's tile and position, then the unary reset (source and this record). */
+QMO_SEQ_API int qmo_seq_reset_tee_iterator(qmo_seq_iterator_t *it);
+
+QMO_SEQ_API int qmo_seq_concat(qmo_seq_iterator_t *result, qmo_seq_iterator_t *first,
+                               qmo_seq_iterator_t *second);
+QMO_SEQ_API int qmo_seq_concat_next(qmo_seq_iterator_t *it);
+/** Reads the first stream again, then the binary reset. */
+QMO_SEQ_API int qmo_seq_concat_reset(qmo_seq_iterator_t *it);
+
+QMO_SEQ_API int qmo_seq_cat(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,
+                            qmo_seq_iterator_t *right);
+QMO_SEQ_API int qmo_seq_cat_next(qmo_seq_iterator_t *it);
+
+QMO_SEQ_API int qmo_seq_limit(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t from,
+                              uint64_t till);
+QMO_SEQ_API int qmo_seq_limit_next(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_DECLARE_SKIP_NAN_(a, t, ctype, code)                                             \
+    QMO_SEQ_API int qmo_seq_skip_nan_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input); \
+    QMO_SEQ_API int qmo_seq_skip_nan_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_FLOAT_TYPES(QMO_SEQ_DECLARE_SKIP_NAN_, )
+
+/* ------------------------------------------------------------------------
+ * The meta iterator flattens a sequence of sub-sequences, supplied by the
+ * database core, into one stream of full tiles. The core fills the record:
+ * state[0] points at its qmo_seq_meta_t, state[1] is the phase (0 not started,
+ * 1 running, 2 finished), next = qmo_seq_meta_iterator_next, reset =
+ * qmo_seq_meta_iterator_reset, and elem_type / elem_size those of the inner
+ * record.
+ * ---------------------------------------------------------------------- */
+
+typedef struct qmo_seq_meta qmo_seq_meta_t;
+struct qmo_seq_meta {
+    /** Moves the inner record on to the next sub-sequence, so that its next
+     *  pull delivers that sub-sequence's first tile; 11 when there is none. */
+    int (*advance)(qmo_seq_meta_t *meta);
+    /** Called once before the first pull of the inner record. */
+    int (*start)(qmo_seq_meta_t *meta);
+    /** The inner record, pulled directly through its next function. */
+    qmo_seq_iterator_t inner;
+};
+
+QMO_SEQ_API int qmo_seq_meta_iterator_next(qmo_seq_iterator_t *it);
+/** Back to phase 0, then the record itself (the meta object is the core's to rewind). */
+QMO_SEQ_API int qmo_seq_meta_iterator_reset(qmo_seq_iterator_t *it);
+
+/* ------------------------------------------------------------------------
  * Element-wise operators. Binary operators pull left then right, deliver
  * min(left count, right count) elements and OR the null bitmaps; values under
  * null bits are computed too. Unary operators keep their input's bitmap.

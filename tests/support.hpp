@@ -36,6 +36,7 @@ struct Api;
         static constexpr int code_ = code;                    \
         static constexpr auto next = qmo_seq_next_##t;        \
         static constexpr auto get = qmo_seq_get_##t;          \
+        static constexpr auto get_nullable = qmo_seq_get_nullable_##t; \
         static constexpr auto eq = qmo_seq_eq_##t;            \
         static constexpr auto ne = qmo_seq_ne_##t;            \
         static constexpr auto lt = qmo_seq_lt_##t;            \
@@ -54,6 +55,8 @@ struct NumApi;
     template <>                                               \
     struct NumApi<t_##t> : Api<t_##t> {                       \
         static constexpr auto constant = qmo_seq_const_##t;   \
+        static constexpr auto unget = qmo_seq_unget_##t;      \
+        static constexpr auto unget_nullable = qmo_seq_unget_nullable_##t; \
         static constexpr auto add = qmo_seq_add_##t;          \
         static constexpr auto sub = qmo_seq_sub_##t;          \
         static constexpr auto mul = qmo_seq_mul_##t;          \
