@@ -93,6 +93,17 @@ inline unsigned elem_width(const Iter *it) noexcept {
     else return E::size;
 }
 
+// Element j of `from`'s tile into slot i of `to`'s (same element type).
+template <class E>
+inline void copy_elem(Iter *to, unsigned i, const Iter *from, unsigned j) noexcept {
+    if constexpr (E::is_char) {
+        const size_t w = to->elem_size;
+        std::memcpy(tile<char>(to) + i * w, tile<char>(from) + j * w, w);
+    } else {
+        tile<value_t<E>>(to)[i] = tile<value_t<E>>(from)[j];
+    }
+}
+
 // ---- null bitmap ----------------------------------------------------------
 
 inline bool is_null(const Iter *it, unsigned i) noexcept {
@@ -103,6 +114,20 @@ inline void set_null(Iter *it, unsigned i) noexcept {
 }
 inline void set_null_bit(Iter *it, unsigned i, bool null) noexcept {
     it->null_bitmap[i >> 6] |= uint64_t{null} << (i & 63);
+}
+// Overwrites bit i, where set_null_bit can only add.
+inline void put_null_bit(Iter *it, unsigned i, bool null) noexcept {
+    uint64_t &word = it->null_bitmap[i >> 6];
+    word = (word & ~(uint64_t{1} << (i & 63))) | (uint64_t{null} << (i & 63));
+}
+// A condition element is true when non-zero and not null.
+inline bool is_true(const Iter *cond, unsigned i) noexcept {
+    return cond->values.u1[i] != 0 && !is_null(cond, i);
+}
+// Mask of the bits below n in word w of a tile bitmap.
+inline uint64_t tile_mask(unsigned n, unsigned w) noexcept {
+    const unsigned bits = n > 64 * w ? n - 64 * w : 0;
+    return bits >= 64 ? ~uint64_t{0} : (uint64_t{1} << bits) - 1;
 }
 inline bool has_nulls(const Iter *it) noexcept {
     return (it->null_bitmap[0] | it->null_bitmap[1]) != 0;

@@ -454,6 +454,123 @@ QMO_SEQ_API int qmo_seq_xor_qmo_seq_bool_next(qmo_seq_iterator_t *it);
 QMO_SEQ_API int qmo_seq_not(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
 QMO_SEQ_API int qmo_seq_not_qmo_seq_bool_next(qmo_seq_iterator_t *it);
 
+/* ------------------------------------------------------------------------
+ * Conditionals and callbacks. A condition is a uint1 sequence; an element is
+ * true when its byte is non-zero and its null bit clear (a null condition is
+ * false everywhere).
+ *
+ *   qmo_seq_if_<t>(result, cond, then, else)     lazy: each branch is read as a
+ *       compact sequence of its own (the k-th true condition takes the k-th
+ *       then-element); a branch that ends while needed ends the result
+ *   qmo_seq_iif_<t>(result, cond, then, else)    positional: all three advance
+ *       together, the branch not chosen is consumed and dropped
+ *   qmo_seq_func_<t>(result, arg, f), qmo_seq_func_ctx_<t>(result, arg, f, ctx)
+ *   qmo_seq_cond_<t>(result, arg, f), qmo_seq_cond_ctx_<t>(result, arg, f, ctx)   -> uint1
+ *   qmo_seq_func2_<t>(result, left, right, f), qmo_seq_func2_ctx_<t>(..., f, ctx)
+ *
+ * Callbacks run once per element, also for elements under null bits (with
+ * whatever value the slot holds); their own results are not statuses. The
+ * context pointer is passed through untouched. Char members hand over
+ * pointers and the width; char branches and char operands of func2 must have
+ * equal widths (61).
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_CALLBACK_TYPES_(a, t, ctype, code)                                  \
+    typedef ctype (*qmo_seq_func_##t##_fn)(ctype value);                                   \
+    typedef ctype (*qmo_seq_func_ctx_##t##_fn)(ctype value, void *ctx);                    \
+    typedef uint8_t (*qmo_seq_cond_##t##_fn)(ctype value);                                 \
+    typedef uint8_t (*qmo_seq_cond_ctx_##t##_fn)(ctype value, void *ctx);                  \
+    typedef ctype (*qmo_seq_func2_##t##_fn)(ctype left, ctype right);                      \
+    typedef ctype (*qmo_seq_func2_ctx_##t##_fn)(ctype left, ctype right, void *ctx);
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CALLBACK_TYPES_, )
+typedef void (*qmo_seq_func_char_fn)(char *out, const char *value, size_t width);
+typedef void (*qmo_seq_func_ctx_char_fn)(char *out, const char *value, size_t width, void *ctx);
+typedef uint8_t (*qmo_seq_cond_char_fn)(const char *value, size_t width);
+typedef uint8_t (*qmo_seq_cond_ctx_char_fn)(const char *value, size_t width, void *ctx);
+typedef void (*qmo_seq_func2_char_fn)(char *out, const char *left, const char *right, size_t width);
+typedef void (*qmo_seq_func2_ctx_char_fn)(char *out, const char *left, const char *right, size_t width,
+                                          void *ctx);
+
+#define QMO_SEQ_DECLARE_CONDITIONALS_(a, t, ctype, code)                                             \
+    QMO_SEQ_API int qmo_seq_if_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,             \
+                                   qmo_seq_iterator_t *then_branch, qmo_seq_iterator_t *else_branch); \
+    QMO_SEQ_API int qmo_seq_if_##t##_next(qmo_seq_iterator_t *it);                                  \
+    QMO_SEQ_API int qmo_seq_iif_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,            \
+                                    qmo_seq_iterator_t *then_branch, qmo_seq_iterator_t *else_branch); \
+    QMO_SEQ_API int qmo_seq_iif_##t##_next(qmo_seq_iterator_t *it);                                 \
+    QMO_SEQ_API int qmo_seq_func_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,            \
+                                     qmo_seq_func_##t##_fn f);                                       \
+    QMO_SEQ_API int qmo_seq_func_##t##_next(qmo_seq_iterator_t *it);                                \
+    QMO_SEQ_API int qmo_seq_func_ctx_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,        \
+                                         qmo_seq_func_ctx_##t##_fn f, void *ctx);                    \
+    QMO_SEQ_API int qmo_seq_func_ctx_##t##_next(qmo_seq_iterator_t *it);                            \
+    QMO_SEQ_API int qmo_seq_cond_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,            \
+                                     qmo_seq_cond_##t##_fn f);                                       \
+    QMO_SEQ_API int qmo_seq_cond_##t##_next(qmo_seq_iterator_t *it);                                \
+    QMO_SEQ_API int qmo_seq_cond_ctx_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,        \
+                                         qmo_seq_cond_ctx_##t##_fn f, void *ctx);                    \
+    QMO_SEQ_API int qmo_seq_cond_ctx_##t##_next(qmo_seq_iterator_t *it);                            \
+    QMO_SEQ_API int qmo_seq_func2_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,          \
+                                      qmo_seq_iterator_t *right, qmo_seq_func2_##t##_fn f);          \
+    QMO_SEQ_API int qmo_seq_func2_##t##_next(qmo_seq_iterator_t *it);                               \
+    QMO_SEQ_API int qmo_seq_func2_ctx_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,      \
+                                          qmo_seq_iterator_t *right, qmo_seq_func2_ctx_##t##_fn f,   \
+                                          void *ctx);                                                \
+    QMO_SEQ_API int qmo_seq_func2_ctx_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_CONDITIONALS_, )
+
+/** Resets both branches (the first error is returned), then the condition and the cursors. */
+QMO_SEQ_API int qmo_seq_if_reset(qmo_seq_iterator_t *it);
+/** Resets both branches (the first error is returned), then the condition. */
+QMO_SEQ_API int qmo_seq_iif_reset(qmo_seq_iterator_t *it);
+
+/* ------------------------------------------------------------------------
+ * Filters, positions and maps.
+ *
+ *   qmo_seq_filter_<t>(result, cond, values)    values whose condition holds,
+ *       gathered into full tiles; deliberately, null bits of elements gathered
+ *       in an earlier pass over an input tile are lost (delivered non-null)
+ *   qmo_seq_filter_pos(result, cond)            uint8 positions of true elements
+ *   qmo_seq_filter_search(result, cond, source) the same, counted from the
+ *       first_pos of source (qmo_seq_get_first_pos); the fields are set even
+ *       when the construction fails
+ *   qmo_seq_filter_first_pos(result, cond, n)   the first n (at most 128, else
+ *       62) positions in one tile; mergeable across partitions; cond is not
+ *       marked bound
+ *   qmo_seq_map_<t>(result, values, positions)  values at uint8 positions (any
+ *       order; the values are rewound when a position lies behind them); a
+ *       null position gives 703; the result has no nulls, deliberately
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_FILTER_(a, t, ctype, code)                                               \
+    QMO_SEQ_API int qmo_seq_filter_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,     \
+                                       qmo_seq_iterator_t *values);                              \
+    QMO_SEQ_API int qmo_seq_filter_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_FILTER_, )
+/** Zeroes both cursors, clears the record's own bound flag, then the binary reset. */
+QMO_SEQ_API int qmo_seq_filter_reset(qmo_seq_iterator_t *it);
+
+QMO_SEQ_API int qmo_seq_filter_pos(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond);
+QMO_SEQ_API int qmo_seq_filter_pos_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_filter_search(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,
+                                      qmo_seq_iterator_t *source);
+/** Cursor 0, position counter back to the base, then the unary reset. */
+QMO_SEQ_API int qmo_seq_filter_pos_reset(qmo_seq_iterator_t *it);
+/** The largest first_pos of it and, recursively, of its operands. */
+QMO_SEQ_API uint64_t qmo_seq_get_first_pos(qmo_seq_iterator_t *it);
+
+QMO_SEQ_API int qmo_seq_filter_first_pos(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,
+                                         uint64_t n);
+QMO_SEQ_API int qmo_seq_filter_first_pos_next(qmo_seq_iterator_t *it);
+/** Inserts other's ascending block whole into result's at its place, keeping at most n. */
+QMO_SEQ_API int qmo_seq_filter_first_pos_merge(qmo_seq_iterator_t *result, qmo_seq_iterator_t *other);
+
+#define QMO_SEQ_DECLARE_MAP_(a, t, ctype, code)                                                  \
+    QMO_SEQ_API int qmo_seq_map_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,      \
+                                    qmo_seq_iterator_t *positions);                              \
+    QMO_SEQ_API int qmo_seq_map_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MAP_, )
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -1,0 +1,281 @@
+// Filters (values whose condition holds), position lists (filter_pos,
+// filter_search, filter_first_pos) and the positional gather map.
+#include "frame/construct.hpp"
+
+#include <algorithm>
+
+namespace qmo {
+namespace {
+
+// State words, numbered from 0.
+constexpr unsigned kCondCursor = 0, kValuesCursor = 1;  // filter
+constexpr unsigned kBase = 1, kCounter = 2;              // filter_pos, filter_search (cursor in word 0)
+
+int deliver(Iter *it, unsigned n) {
+    it->tile_count = static_cast<uint16_t>(n);
+    it->pos += n;
+    return QMO_SEQ_OK;
+}
+
+// Pulls `in` when its cursor has run out. 1 when the caller should stop
+// gathering and deliver what it has, a status to return, or 0 to go on.
+enum class Refill { Ready, Deliver, Fail };
+Refill refill(Iter *in, uint64_t &cursor, unsigned gathered, int &status) {
+    if (cursor < in->tile_count) return Refill::Ready;
+    status = in->next(in);
+    if (status == QMO_SEQ_END && gathered > 0) return Refill::Deliver;
+    if (status) return Refill::Fail;
+    cursor = 0;
+    return Refill::Ready;
+}
+
+// ---- filter -------------------------------------------------------------------
+
+template <class E>
+int filter_next(Iter *it) {
+    Iter *cond = it->operand1, *values = it->operand2;
+    uint64_t &cc = it->state[kCondCursor], &vc = it->state[kValuesCursor];
+    unsigned k = 0;
+    for (;;) {
+        int status = QMO_SEQ_OK;
+        for (auto [in, cursor] : {std::pair{cond, &cc}, std::pair{values, &vc}}) {
+            const Refill r = refill(in, *cursor, k, status);
+            if (r == Refill::Deliver) return deliver(it, k);
+            if (r == Refill::Fail) return status;
+        }
+        // Deliberate: every pass clears the bitmap, so null bits gathered in an
+        // earlier pass of this output tile are lost.
+        clear_nulls(it);
+        const unsigned m = std::min(cond->tile_count - static_cast<unsigned>(cc),
+                                    values->tile_count - static_cast<unsigned>(vc));
+        // At most 128 - k pairs per step, so k never passes 128; every pair is
+        // written and only kept ones advance k (no branch per element).
+        for (unsigned done = 0; done < m;) {
+            const unsigned step = std::min(m - done, kTile - k);
+            const unsigned c0 = static_cast<unsigned>(cc) + done, v0 = static_cast<unsigned>(vc) + done;
+            for (unsigned j = 0; j < step; ++j) {
+                copy_elem<E>(it, k, values, v0 + j);
+                put_null_bit(it, k, is_null(values, v0 + j));
+                k += is_true(cond, c0 + j);
+            }
+            done += step;
+            if (k == kTile) {
+                cc += done;
+                vc += done;
+                return deliver(it, k);
+            }
+        }
+        cc += m;
+        vc += m;
+    }
+}
+
+// ---- positions ----------------------------------------------------------------
+
+int filter_pos_next(Iter *it) {
+    Iter *cond = it->operand1;
+    uint64_t &cursor = it->state[kCondCursor], &counter = it->state[kCounter];
+    uint64_t *out = tile<uint64_t>(it);
+    unsigned k = 0;
+    clear_nulls(it);
+    for (;;) {
+        int status = QMO_SEQ_OK;
+        const Refill r = refill(cond, cursor, k, status);
+        if (r == Refill::Deliver) return deliver(it, k);
+        if (r == Refill::Fail) return status;
+        const unsigned s = static_cast<unsigned>(cursor), end = cond->tile_count;
+        // Positions count every condition element, true or not.
+        for (unsigned j = s; j < end; ++j) {
+            out[k] = counter + (j - s);
+            k += is_true(cond, j);
+            if (k == kTile) {
+                cursor = j + 1;
+                counter += j + 1 - s;
+                return deliver(it, k);
+            }
+        }
+        cursor = end;
+        counter += end - s;
+    }
+}
+
+// ---- first positions ----------------------------------------------------------------
+
+int filter_first_pos_next(Iter *it) {
+    if (it->prepared) {  // merged partitions: hand out what they left here
+        if (it->pos == 0) return QMO_SEQ_END;
+        it->prepared = 0;
+        return QMO_SEQ_OK;
+    }
+    if (it->pos != 0) return QMO_SEQ_END;
+    const uint64_t limit = it->last_pos;
+    uint64_t p = qmo_seq_get_first_pos(it);
+    clear_nulls(it);
+    if (limit == 0) {
+        it->tile_count = 0;
+        it->pos = 0;
+        return QMO_SEQ_END;
+    }
+    Iter *cond = it->operand1;
+    uint64_t *out = tile<uint64_t>(it);
+    unsigned k = 0;
+    while (k < limit) {
+        const int rc = cond->next(cond);
+        if (rc == QMO_SEQ_END) break;
+        if (rc) return rc;
+        for (unsigned j = 0; j < cond->tile_count && k < limit; ++j, ++p) {
+            out[k] = p;
+            k += is_true(cond, j);
+        }
+    }
+    it->tile_count = static_cast<uint16_t>(k);
+    it->pos = k;
+    clear_nulls(it);
+    return k > 0 ? QMO_SEQ_OK : QMO_SEQ_END;
+}
+
+int filter_first_pos_merge(Iter *result, const Iter *other) {
+    uint64_t *slot = tile<uint64_t>(result);
+    const uint64_t r = result->tile_count, limit = result->last_pos;
+    const uint64_t m = other->tile_count;
+    if (m == 0) return QMO_SEQ_OK;
+    const uint64_t f = tile<uint64_t>(other)[0];
+    // First slot not below f. An empty result is not probed.
+    uint64_t lo = 0, hi = r;
+    while (lo < hi) {
+        const uint64_t mid = (lo + hi) / 2;
+        if (f > slot[mid]) lo = mid + 1;
+        else hi = mid;
+    }
+    const uint64_t t = lo + m > limit ? limit - lo : m;
+    if (t == 0) return QMO_SEQ_OK;
+    const uint64_t u = std::min(r - lo, limit - lo - t);
+    // The other block goes in whole at lo; the result's tail moves behind it.
+    std::memmove(slot + lo + t, slot + lo, u * sizeof(uint64_t));
+    std::memcpy(slot + lo, tile<uint64_t>(other), t * sizeof(uint64_t));
+    result->tile_count = static_cast<uint16_t>(lo + t + u);
+    result->pos = lo + t + u;
+    return QMO_SEQ_OK;
+}
+
+// ---- map ------------------------------------------------------------------------
+
+template <class E>
+int map_next(Iter *it) {
+    Iter *positions = it->operand1, *values = it->operand2;
+    if (int rc = positions->next(positions)) return rc;
+    if (has_nulls(positions)) return QMO_SEQ_NULL_VALUE;
+    const unsigned n = positions->tile_count;
+    const uint64_t *p = tile<uint64_t>(positions);
+    uint64_t order[kTile];
+    qmo_seq_sort_uint8(p, order, n, QMO_SEQ_ASCENDING);
+    // Visiting positions in ascending order reads the values forward; a
+    // position behind the current tile rewinds them.
+    for (unsigned k = 0; k < n; ++k) {
+        const unsigned slot = static_cast<unsigned>(order[k]);
+        const uint64_t want = p[slot];
+        for (;;) {
+            const uint64_t end = values->pos, start = end - values->tile_count;
+            if (want >= start && want < end) {
+                copy_elem<E>(it, slot, values, static_cast<unsigned>(want - start));
+                break;
+            }
+            const int rc = want < start ? values->reset(values) : values->next(values);
+            if (rc) return rc;
+        }
+    }
+    clear_nulls(it);  // deliberately: mapped nulls arrive as values
+    return deliver(it, n);
+}
+
+}  // namespace
+}  // namespace qmo
+
+using qmo::Iter;
+
+QMO_EXPORT uint64_t qmo_seq_get_first_pos(qmo_seq_iterator_t *it) {
+    uint64_t first = it->first_pos;
+    for (Iter *o : {it->operand1, it->operand2, it->operand3})
+        if (o) first = std::max(first, qmo_seq_get_first_pos(o));
+    return first;
+}
+
+// ---- filter -------------------------------------------------------------------
+
+QMO_EXPORT int qmo_seq_filter_reset(qmo_seq_iterator_t *it) {
+    it->state[qmo::kCondCursor] = 0;
+    it->state[qmo::kValuesCursor] = 0;
+    it->bound = 0;
+    return qmo_seq_reset_binary_iterator(it);
+}
+
+#define QMO_DEFINE_FILTER_(list_arg, t, ctype, code)                                                \
+    QMO_EXPORT int qmo_seq_filter_##t##_next(qmo_seq_iterator_t *it) {                              \
+        return qmo::filter_next<qmo::Elem<code>>(it);                                               \
+    }                                                                                               \
+    QMO_EXPORT int qmo_seq_filter_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,         \
+                                      qmo_seq_iterator_t *values) {                                 \
+        if (int rc = qmo::expect_type(cond, QMO_SEQ_TYPE_UINT1)) return rc;                         \
+        if (int rc = qmo::expect_type(values, code)) return rc;                                     \
+        return qmo::construct(result, qmo::Setup{code, values->elem_size, qmo_seq_filter_##t##_next, \
+                                                 qmo_seq_filter_reset, cond, values});              \
+    }
+QMO_SEQ_ALL_TYPES(QMO_DEFINE_FILTER_, )
+
+// ---- positions ----------------------------------------------------------------
+
+QMO_EXPORT int qmo_seq_filter_pos_next(qmo_seq_iterator_t *it) { return qmo::filter_pos_next(it); }
+
+QMO_EXPORT int qmo_seq_filter_pos(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond) {
+    if (int rc = qmo::expect_type(cond, QMO_SEQ_TYPE_UINT1)) return rc;
+    return qmo::construct(result, qmo::Setup{QMO_SEQ_TYPE_UINT8, 8, qmo_seq_filter_pos_next,
+                                             qmo_seq_filter_pos_reset, cond});
+}
+
+QMO_EXPORT int qmo_seq_filter_search(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,
+                                     qmo_seq_iterator_t *source) {
+    const int rc = qmo_seq_filter_pos(result, cond);
+    result->state[qmo::kBase] = result->state[qmo::kCounter] = qmo_seq_get_first_pos(source);
+    return rc;
+}
+
+QMO_EXPORT int qmo_seq_filter_pos_reset(qmo_seq_iterator_t *it) {
+    it->state[qmo::kCondCursor] = 0;
+    it->state[qmo::kCounter] = it->state[qmo::kBase];
+    return qmo_seq_reset_unary_iterator(it);
+}
+
+// ---- first positions ----------------------------------------------------------
+
+QMO_EXPORT int qmo_seq_filter_first_pos_next(qmo_seq_iterator_t *it) { return qmo::filter_first_pos_next(it); }
+
+QMO_EXPORT int qmo_seq_filter_first_pos_merge(qmo_seq_iterator_t *result, qmo_seq_iterator_t *other) {
+    return qmo::filter_first_pos_merge(result, other);
+}
+
+QMO_EXPORT int qmo_seq_filter_first_pos(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond, uint64_t n) {
+    const qmo::Setup s{QMO_SEQ_TYPE_UINT8, 8, qmo_seq_filter_first_pos_next, qmo_seq_reset_unary_iterator, cond};
+    if (int rc = qmo::expect_type(cond, QMO_SEQ_TYPE_UINT1)) return rc;
+    if (int rc = qmo::check_unbound(s)) return rc;
+    if (n > qmo::kTile) return QMO_SEQ_INVALID_ARGUMENT;
+    qmo::fill(result, s);  // the condition is deliberately left unbound
+    result->prepare = qmo_seq_prepare_aggregate;
+    result->merge = qmo_seq_filter_first_pos_merge;
+    result->last_pos = n;
+    return QMO_SEQ_OK;
+}
+
+// ---- map ------------------------------------------------------------------------
+
+#define QMO_DEFINE_MAP_(list_arg, t, ctype, code)                                                   \
+    QMO_EXPORT int qmo_seq_map_##t##_next(qmo_seq_iterator_t *it) {                                 \
+        return qmo::map_next<qmo::Elem<code>>(it);                                                  \
+    }                                                                                               \
+    QMO_EXPORT int qmo_seq_map_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,          \
+                                   qmo_seq_iterator_t *positions) {                                 \
+        if (int rc = qmo::expect_type(values, code)) return rc;                                     \
+        if (int rc = qmo::expect_type(positions, QMO_SEQ_TYPE_UINT8)) return rc;                    \
+        return qmo::construct(result, qmo::Setup{code, sizeof(ctype), qmo_seq_map_##t##_next,       \
+                                                 qmo_seq_reset_binary_iterator, positions, values}); \
+    }
+QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_MAP_, )
