@@ -182,6 +182,24 @@ struct qmo_seq_iterator {
     QMO_SEQ_FLOAT_TYPES(X, a)                     \
     X(a, datetime, uint64_t, QMO_SEQ_TYPE_DATETIME)
 
+/** A second copy of the numeric list, so that one type list can be nested in
+ *  another (conversions are stamped for every ordered pair). */
+#define QMO_SEQ_NUMERIC_TYPES_2(X, a)             \
+    X(a, int1, int8_t, QMO_SEQ_TYPE_INT1)         \
+    X(a, int2, int16_t, QMO_SEQ_TYPE_INT2)        \
+    X(a, int4, int32_t, QMO_SEQ_TYPE_INT4)        \
+    X(a, int8, int64_t, QMO_SEQ_TYPE_INT8)        \
+    X(a, uint1, uint8_t, QMO_SEQ_TYPE_UINT1)      \
+    X(a, uint2, uint16_t, QMO_SEQ_TYPE_UINT2)     \
+    X(a, uint4, uint32_t, QMO_SEQ_TYPE_UINT4)     \
+    X(a, uint8, uint64_t, QMO_SEQ_TYPE_UINT8)     \
+    X(a, float, float, QMO_SEQ_TYPE_FLOAT)        \
+    X(a, double, double, QMO_SEQ_TYPE_DOUBLE)     \
+    X(a, datetime, uint64_t, QMO_SEQ_TYPE_DATETIME)
+
+/** Unpacks a parenthesised argument list passed through a nested list. */
+#define QMO_SEQ_EXPAND(...) __VA_ARGS__
+
 /** The eleven numeric suffixes and char (elements of width bytes). */
 #define QMO_SEQ_ALL_TYPES(X, a)                   \
     QMO_SEQ_NUMERIC_TYPES(X, a)                   \
@@ -397,6 +415,33 @@ struct qmo_seq_meta {
 QMO_SEQ_API int qmo_seq_meta_iterator_next(qmo_seq_iterator_t *it);
 /** Back to phase 0, then the record itself (the meta object is the core's to rewind). */
 QMO_SEQ_API int qmo_seq_meta_iterator_reset(qmo_seq_iterator_t *it);
+
+/* ------------------------------------------------------------------------
+ * Type conversion, for every ordered pair of numeric types (121 pairs,
+ * identities included): qmo_seq_<t>_to_<u>(result, input), next
+ * qmo_seq_<t>_to_<u>_next, and the alias qmo_seq_<u>_from_<t>, which calls
+ * qmo_seq_<t>_to_<u>.
+ *
+ * Integers widen by sign or zero extension and narrow by keeping the low
+ * bits. Integers become floating by rounding to nearest (uint8 and datetime
+ * as unsigned). Floating values are truncated toward zero: to int1, int2,
+ * int4, uint1 and uint2 through a signed 32-bit integer, to uint4 and int8
+ * through a signed 64-bit one, to uint8 and datetime through the 2^63
+ * offset; out-of-range values and NaN convert as the hardware does (the most
+ * negative signed value, then its low bits). Nulls pass through and values
+ * under them are converted too.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_CONVERSION_(from, u, uctype, ucode) \
+    QMO_SEQ_DECLARE_CONVERSION_I_(QMO_SEQ_EXPAND from, u)
+#define QMO_SEQ_DECLARE_CONVERSION_I_(...) QMO_SEQ_DECLARE_CONVERSION_II_(__VA_ARGS__)
+#define QMO_SEQ_DECLARE_CONVERSION_II_(t, u)                                                       \
+    QMO_SEQ_API int qmo_seq_##t##_to_##u(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);   \
+    QMO_SEQ_API int qmo_seq_##t##_to_##u##_next(qmo_seq_iterator_t *it);                          \
+    QMO_SEQ_API int qmo_seq_##u##_from_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
+#define QMO_SEQ_DECLARE_CONVERSIONS_FROM_(a, t, ctype, code) \
+    QMO_SEQ_NUMERIC_TYPES_2(QMO_SEQ_DECLARE_CONVERSION_, (t))
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CONVERSIONS_FROM_, )
 
 /* ------------------------------------------------------------------------
  * Element-wise operators. Binary operators pull left then right, deliver

@@ -1,0 +1,54 @@
+// Conversion between every ordered pair of numeric element types.
+#include "elementwise/kernels.hpp"
+#include "frame/numeric.hpp"
+
+namespace qmo {
+namespace {
+
+// double -> int32 as the hardware truncates: out of range and NaN give the
+// most negative value.
+constexpr int32_t double_to_i32(double d) noexcept {
+    if (d > -2147483649.0 && d < 2147483648.0) return static_cast<int32_t>(d);
+    return INT32_MIN;
+}
+
+template <class From, class To>
+struct convert {
+    using in = From;
+    using out = To;
+    using T = value_t<From>;
+    using R = value_t<To>;
+    static R apply(T x) {
+        if constexpr (!From::is_float || To::is_float) {
+            // Integer widening, narrowing (low bits) and anything to floating.
+            return static_cast<R>(x);
+        } else if constexpr (sizeof(R) < 4 || (To::is_signed && sizeof(R) == 4)) {
+            return static_cast<R>(double_to_i32(x));
+        } else if constexpr (To::is_signed || std::is_same_v<To, Elem<QMO_SEQ_TYPE_UINT4>>) {
+            return static_cast<R>(double_to_i64(x));
+        } else {
+            return double_to_u64(x);
+        }
+    }
+};
+
+}  // namespace
+}  // namespace qmo
+
+// One ordered pair: `from` is the parenthesised (suffix, code) of the source.
+#define QMO_DEFINE_CONVERSION_(from, u, uctype, ucode) QMO_DEFINE_CONVERSION_I_(QMO_SEQ_EXPAND from, u, ucode)
+#define QMO_DEFINE_CONVERSION_I_(...) QMO_DEFINE_CONVERSION_II_(__VA_ARGS__)
+#define QMO_DEFINE_CONVERSION_II_(t, code, u, ucode)                                                 \
+    QMO_EXPORT int qmo_seq_##t##_to_##u##_next(qmo_seq_iterator_t *it) {                             \
+        return qmo::unary_next<qmo::convert<qmo::Elem<code>, qmo::Elem<ucode>>>(it);                 \
+    }                                                                                                \
+    QMO_EXPORT int qmo_seq_##t##_to_##u(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {     \
+        return qmo::construct_unary<qmo::convert<qmo::Elem<code>, qmo::Elem<ucode>>>(                \
+            result, input, qmo_seq_##t##_to_##u##_next);                                             \
+    }                                                                                                \
+    QMO_EXPORT int qmo_seq_##u##_from_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {   \
+        return qmo_seq_##t##_to_##u(result, input);                                                  \
+    }
+#define QMO_DEFINE_CONVERSIONS_FROM_(list_arg, t, ctype, code) \
+    QMO_SEQ_NUMERIC_TYPES_2(QMO_DEFINE_CONVERSION_, (t, code))
+QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_CONVERSIONS_FROM_, )
