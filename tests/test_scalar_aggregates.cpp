@@ -433,17 +433,17 @@ TYPED_TEST(ScalarAggregates, ResetRecomputesFromTheStart) {
 
 namespace {
 
-// The data 2, 1, 8, 2, 5, 3 in four partitions, the first one empty: prepare
-// each, merge the rest into the first, and pull it once.
+// The data 2, 1, 8, 2, 5, 3 in five partitions, the first and the third
+// empty: prepare each, merge the rest into the first, and pull it once.
 template <class Tag, class MakeFn>
 Result partitioned(MakeFn make, Merge merge) {
     using T = V<Tag>;
-    const std::vector<std::vector<T>> parts = {{}, {2, 1}, {8, 99, 2}, {5, 3}};
+    const std::vector<std::vector<T>> parts = {{}, {2, 1}, {}, {8, 99, 2}, {5, 3}};
     std::vector<std::unique_ptr<Source<Tag>>> sources;
     std::vector<std::unique_ptr<Source<Tag>>> seconds;
     std::vector<Iter> aggs(parts.size());
     for (size_t p = 0; p < parts.size(); ++p) {
-        sources.push_back(std::make_unique<Source<Tag>>(parts[p], std::vector<size_t>(p == 2, 1)));
+        sources.push_back(std::make_unique<Source<Tag>>(parts[p], std::vector<size_t>(p == 3, 1)));
         seconds.push_back(std::make_unique<Source<Tag>>(std::vector<T>(parts[p].rbegin(), parts[p].rend())));
         EXPECT_EQ(make(&aggs[p], sources[p].get(), seconds[p].get()), 0);
         EXPECT_EQ(aggs[p].prepare, qmo_seq_prepare_aggregate);
