@@ -68,27 +68,29 @@ inline unsigned live_count(const Iter *it) noexcept {
 
 // ---- accumulation ----------------------------------------------------------------
 
-// Adds K terms of elements 0..n-1 into w. Eight independent lanes per term
-// let the additions vectorise; doubles are therefore summed in lane order,
-// not strictly left to right.
+// Adds K terms of elements 0..n-1 into w. Integer additions vectorise as
+// they are; double additions need independent lanes, so doubles are summed
+// in lane order, not strictly left to right.
 template <class A, unsigned K, class Terms>
 inline void lane_sum(A (&w)[K], unsigned n, Terms terms) {
-    constexpr unsigned L = 8;
-    A lane[K][L] = {};
     unsigned i = 0;
-    for (; i + L <= n; i += L)
-        for (unsigned j = 0; j < L; ++j) {
-            A t[K];
-            terms(i + j, t);
-            for (unsigned k = 0; k < K; ++k) lane[k][j] += t[k];
-        }
+    if constexpr (std::is_floating_point_v<A>) {
+        constexpr unsigned L = 8;
+        A lane[K][L] = {};
+        for (; i + L <= n; i += L)
+            for (unsigned j = 0; j < L; ++j) {
+                A t[K];
+                terms(i + j, t);
+                for (unsigned k = 0; k < K; ++k) lane[k][j] += t[k];
+            }
+        for (unsigned k = 0; k < K; ++k)
+            for (unsigned j = 0; j < L; ++j) w[k] += lane[k][j];
+    }
     for (; i < n; ++i) {
         A t[K];
         terms(i, t);
         for (unsigned k = 0; k < K; ++k) w[k] += t[k];
     }
-    for (unsigned k = 0; k < K; ++k)
-        for (unsigned j = 0; j < L; ++j) w[k] += lane[k][j];
 }
 
 template <class F, class T>
