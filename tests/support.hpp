@@ -67,40 +67,28 @@ struct NumApi;
 QMO_SEQ_NUMERIC_TYPES(TEST_NUM_API_, )
 #undef TEST_NUM_API_
 
-// AggApi<tag>: the scalar aggregates of one numeric type (constructor, merge).
+// AggApi<tag>: the scalar aggregate constructors of one numeric type (each
+// record then carries its own merge function).
 template <class Tag>
 struct AggApi;
 
-#define TEST_AGG_API_(a, t, ctype, code)                                                 \
-    template <>                                                                          \
-    struct AggApi<t_##t> {                                                               \
-        static constexpr auto sum = qmo_seq_agg_sum_##t;                                 \
-        static constexpr auto sum_merge = qmo_seq_agg_sum_##t##_merge;                   \
-        static constexpr auto prd = qmo_seq_agg_prd_##t;                                 \
-        static constexpr auto prd_merge = qmo_seq_agg_prd_##t##_merge;                   \
-        static constexpr auto min = qmo_seq_agg_min_##t;                                 \
-        static constexpr auto min_merge = qmo_seq_agg_min_##t##_merge;                   \
-        static constexpr auto max = qmo_seq_agg_max_##t;                                 \
-        static constexpr auto max_merge = qmo_seq_agg_max_##t##_merge;                   \
-        static constexpr auto avg = qmo_seq_agg_avg_##t;                                 \
-        static constexpr auto avg_merge = qmo_seq_agg_avg_##t##_merge;                   \
-        static constexpr auto var = qmo_seq_agg_var_##t;                                 \
-        static constexpr auto var_merge = qmo_seq_agg_var_##t##_merge;                   \
-        static constexpr auto var_samp = qmo_seq_agg_var_samp_##t;                       \
-        static constexpr auto var_samp_merge = qmo_seq_agg_var_samp_##t##_merge;         \
-        static constexpr auto dev = qmo_seq_agg_dev_##t;                                 \
-        static constexpr auto dev_merge = qmo_seq_agg_dev_##t##_merge;                   \
-        static constexpr auto dev_samp = qmo_seq_agg_dev_samp_##t;                       \
-        static constexpr auto dev_samp_merge = qmo_seq_agg_dev_samp_##t##_merge;         \
-        static constexpr auto min_max = qmo_seq_agg_min_max_##t;                         \
-        static constexpr auto cov = qmo_seq_cov_##t;                                     \
-        static constexpr auto cov_merge = qmo_seq_cov_##t##_merge;                       \
-        static constexpr auto corr = qmo_seq_corr_##t;                                   \
-        static constexpr auto corr_merge = qmo_seq_corr_##t##_merge;                     \
-        static constexpr auto wsum = qmo_seq_wsum_##t;                                   \
-        static constexpr auto wsum_merge = qmo_seq_wsum_##t##_merge;                     \
-        static constexpr auto wavg = qmo_seq_wavg_##t;                                   \
-        static constexpr auto wavg_merge = qmo_seq_wavg_##t##_merge;                     \
+#define TEST_AGG_API_(a, t, ctype, code)                                    \
+    template <>                                                             \
+    struct AggApi<t_##t> {                                                  \
+        static constexpr auto sum = qmo_seq_agg_sum_##t;                    \
+        static constexpr auto prd = qmo_seq_agg_prd_##t;                    \
+        static constexpr auto min = qmo_seq_agg_min_##t;                    \
+        static constexpr auto max = qmo_seq_agg_max_##t;                    \
+        static constexpr auto avg = qmo_seq_agg_avg_##t;                    \
+        static constexpr auto var = qmo_seq_agg_var_##t;                    \
+        static constexpr auto var_samp = qmo_seq_agg_var_samp_##t;          \
+        static constexpr auto dev = qmo_seq_agg_dev_##t;                    \
+        static constexpr auto dev_samp = qmo_seq_agg_dev_samp_##t;          \
+        static constexpr auto min_max = qmo_seq_agg_min_max_##t;            \
+        static constexpr auto cov = qmo_seq_cov_##t;                        \
+        static constexpr auto corr = qmo_seq_corr_##t;                      \
+        static constexpr auto wsum = qmo_seq_wsum_##t;                      \
+        static constexpr auto wavg = qmo_seq_wavg_##t;                      \
     };
 QMO_SEQ_NUMERIC_TYPES(TEST_AGG_API_, )
 #undef TEST_AGG_API_
