@@ -111,31 +111,3 @@ TEST(ApproximateDistinctCount, HashesEachNonNullElementsBytes) {
     CharSource text(5, {"ab", "ab", std::string("ab\0z", 4)});
     EXPECT_EQ(approxdc(&text.it, &agg), 2u) << "bytes after the NUL count";
 }
-
-TEST(ApproximateDistinctCount, AllNullGivesZeroAndOnlyErrorsDeliverNothing) {
-    Source<t_int8> nulls({1, 2, 3}, {0, 1, 2}), broken({1});
-    broken.fail_with = QMO_SEQ_NULL_VALUE;
-    Iter agg;
-    EXPECT_EQ(approxdc(&nulls.it, &agg), 0u);
-    ASSERT_EQ(qmo_seq_agg_approxdc(&agg, &broken.it), 0);
-    EXPECT_EQ(agg.next(&agg), QMO_SEQ_NULL_VALUE);
-}
-
-// The union of sketches is exact: merged partitions estimate as one pass.
-TEST(ApproximateDistinctCount, PartitionsMergeRegisterWise) {
-    std::vector<int64_t> values(5000);
-    std::iota(values.begin(), values.end(), 0);
-    Iter whole_src, whole, srcs[3], parts[3];
-    qmo_seq_unget_int8(&whole_src, values.data(), values.size());
-    const uint32_t single = approxdc(&whole_src, &whole);
-    const size_t cut[4] = {0, 1000, 1000, 5000};  // the middle partition is empty
-    for (int p = 0; p < 3; ++p) {
-        qmo_seq_unget_int8(&srcs[p], values.data() + cut[p], cut[p + 1] - cut[p]);
-        ASSERT_EQ(qmo_seq_agg_approxdc(&parts[p], &srcs[p]), 0);
-        ASSERT_EQ(parts[p].prepare(&parts[p]), 0);
-    }
-    ASSERT_EQ(parts[0].merge(&parts[0], &parts[1]) | parts[0].merge(&parts[0], &parts[2]), 0);
-    ASSERT_EQ(parts[0].next(&parts[0]), 0);
-    EXPECT_EQ(parts[0].values.u4[0], single);
-    EXPECT_EQ(std::memcmp(parts[0].state, whole.state, 128), 0);
-}
