@@ -293,20 +293,37 @@ inline int construct_aggregate(Iter *result, const Setup &setup, int in_code, qm
 #define QMO_AGG_FAMILY_(op, tc) qmo::agg::op<qmo::Elem<tc>>
 
 #define QMO_STAMP_AGGREGATE(op, t, ctype, tc)                                                       \
-    QMO_EXPORT int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it) {                              \
-        return qmo::agg::fold_next<QMO_AGG_FAMILY_(op, tc)>(it);                                    \
-    }                                                                                               \
-    QMO_EXPORT int qmo_seq_##op##_##t##_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from) { \
-        return qmo::agg::merge<QMO_AGG_FAMILY_(op, tc), qmo::agg::kCountWord>(into, from);          \
-    }                                                                                               \
+    QMO_STAMP_AGGREGATE_NEXT_(op, t, tc, fold_next)                                                 \
+    QMO_STAMP_AGGREGATE_MERGE_(op, t, tc, kCountWord)                                               \
     QMO_STAMP_AGGREGATE_CONSTRUCTOR_(op, t, tc, qmo_seq_##op##_##t##_merge)
 
 // Not mergeable: no merge function, no prepare.
 #define QMO_STAMP_AGGREGATE_UNMERGED(op, t, ctype, tc)                                              \
-    QMO_EXPORT int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it) {                              \
-        return qmo::agg::fold_next<QMO_AGG_FAMILY_(op, tc)>(it);                                    \
-    }                                                                                               \
+    QMO_STAMP_AGGREGATE_NEXT_(op, t, tc, fold_next)                                                 \
     QMO_STAMP_AGGREGATE_CONSTRUCTOR_(op, t, tc, nullptr)
+
+#define QMO_STAMP_PAIR_AGGREGATE(op, t, ctype, tc)                                                  \
+    QMO_STAMP_AGGREGATE_NEXT_(op, t, tc, pair_next)                                                 \
+    QMO_STAMP_AGGREGATE_MERGE_(op, t, tc, kPairCountWord)                                           \
+    QMO_EXPORT int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *x,            \
+                                      qmo_seq_iterator_t *y) {                                      \
+        using F = QMO_AGG_FAMILY_(op, tc);                                                          \
+        return qmo::agg::construct_aggregate(                                                       \
+            result,                                                                                 \
+            qmo::Setup{F::out::code, F::out::size, qmo_seq_##op##_##t##_next,                       \
+                       qmo_seq_reset_binary_iterator, x, y},                                        \
+            F::in::code, qmo_seq_##op##_##t##_merge);                                               \
+    }
+
+#define QMO_STAMP_AGGREGATE_NEXT_(op, t, tc, skeleton)                                              \
+    QMO_EXPORT int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it) {                              \
+        return qmo::agg::skeleton<QMO_AGG_FAMILY_(op, tc)>(it);                                     \
+    }
+
+#define QMO_STAMP_AGGREGATE_MERGE_(op, t, tc, count_word)                                           \
+    QMO_EXPORT int qmo_seq_##op##_##t##_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from) { \
+        return qmo::agg::merge<QMO_AGG_FAMILY_(op, tc), qmo::agg::count_word>(into, from);          \
+    }
 
 #define QMO_STAMP_AGGREGATE_CONSTRUCTOR_(op, t, tc, merge_fn)                                       \
     QMO_EXPORT int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {      \
@@ -316,21 +333,4 @@ inline int construct_aggregate(Iter *result, const Setup &setup, int in_code, qm
             qmo::Setup{F::out::code, F::out::size, qmo_seq_##op##_##t##_next,                       \
                        qmo_seq_reset_unary_iterator, input},                                        \
             F::in::code, merge_fn);                                                                 \
-    }
-
-#define QMO_STAMP_PAIR_AGGREGATE(op, t, ctype, tc)                                                  \
-    QMO_EXPORT int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it) {                              \
-        return qmo::agg::pair_next<QMO_AGG_FAMILY_(op, tc)>(it);                                    \
-    }                                                                                               \
-    QMO_EXPORT int qmo_seq_##op##_##t##_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from) { \
-        return qmo::agg::merge<QMO_AGG_FAMILY_(op, tc), qmo::agg::kPairCountWord>(into, from);      \
-    }                                                                                               \
-    QMO_EXPORT int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *x,            \
-                                      qmo_seq_iterator_t *y) {                                      \
-        using F = QMO_AGG_FAMILY_(op, tc);                                                          \
-        return qmo::agg::construct_aggregate(                                                       \
-            result,                                                                                 \
-            qmo::Setup{F::out::code, F::out::size, qmo_seq_##op##_##t##_next,                       \
-                       qmo_seq_reset_binary_iterator, x, y},                                        \
-            F::in::code, qmo_seq_##op##_##t##_merge);                                               \
     }
