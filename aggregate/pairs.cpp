@@ -21,22 +21,6 @@ struct pair_family {
 };
 
 template <class E>
-struct cov : pair_family<E> {
-    using B = pair_family<E>;
-    static void terms(typename B::T x, typename B::T y, double (&t)[kWords]) {
-        t[kSx] = B::d(x);
-        t[kSy] = B::d(y);
-        t[kSxx] = 0;
-        t[kSxy] = B::d(x) * B::d(y);
-        t[kSyy] = 0;
-    }
-    static void finish(const typename B::acc &s, uint64_t n, double *r) {
-        const double dn = static_cast<double>(n);
-        r[0] = (s.w[kSxy] - s.w[kSy] * s.w[kSx] / dn) / dn;
-    }
-};
-
-template <class E>
 struct corr : pair_family<E> {
     using B = pair_family<E>;
     static void terms(typename B::T x, typename B::T y, double (&t)[kWords]) {
@@ -50,6 +34,20 @@ struct corr : pair_family<E> {
         const double dn = static_cast<double>(n);
         const double sx = s.w[kSx], sy = s.w[kSy];
         r[0] = (s.w[kSxy] - sy * sx / dn) / std::sqrt((s.w[kSyy] - sy * sy / dn) * (s.w[kSxx] - sx * sx / dn));
+    }
+};
+
+// corr's sums without the squares.
+template <class E>
+struct cov : pair_family<E> {
+    using B = pair_family<E>;
+    static void terms(typename B::T x, typename B::T y, double (&t)[kWords]) {
+        corr<E>::terms(x, y, t);
+        t[kSxx] = t[kSyy] = 0;
+    }
+    static void finish(const typename B::acc &s, uint64_t n, double *r) {
+        const double dn = static_cast<double>(n);
+        r[0] = (s.w[kSxy] - s.w[kSy] * s.w[kSx] / dn) / dn;
     }
 };
 
