@@ -396,7 +396,10 @@ QMO_SEQ_API int qmo_seq_not_qmo_seq_bool_next(qmo_seq_iterator_t *it);
  * Unprepared, the first next consumes the operand and delivers the result;
  * every later next returns 11. Nulls are skipped. An operand without a
  * non-null element gives an empty sequence (11 at once), except for the
- * counts, which give 0. Operand errors pass through and deliver nothing.
+ * counts and the approximate distinct counts, which give 0. Operand errors
+ * pass through and deliver nothing (the counts deliver what they counted).
+ * A merge ignores a partial result that counted nothing, and a merge into
+ * one makes the merged result its own, ready to be handed out.
  *
  *   qmo_seq_agg_<f>_<t>(result, input), _next, _merge   every numeric type t
  *     sum prd   int1..int8 -> int8, uint1..uint8 -> uint8 (64-bit, wrapping),
