@@ -616,6 +616,119 @@ QMO_SEQ_API int qmo_seq_filter_first_pos_merge(qmo_seq_iterator_t *result, qmo_s
     QMO_SEQ_API int qmo_seq_map_##t##_next(qmo_seq_iterator_t *it);
 QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MAP_, )
 
+/* ------------------------------------------------------------------------
+ * Scalar aggregates. Each folds its whole operand into one element (two for
+ * min_max) and keeps its partial result in its own record, so that a sequence
+ * split into partitions can be folded per partition and the partial results
+ * combined:
+ *
+ *   prepare(p) on every partition's record      (qmo_seq_prepare_aggregate)
+ *   merge(p0, pi) for every other partition     (qmo_seq_<family>_<t>_merge)
+ *   next(p0)                                    the combined result; then 11
+ *
+ * Unprepared, the first next consumes the operand and delivers the result;
+ * every later next returns 11. Nulls are skipped. An operand without a
+ * non-null element gives an empty sequence (11 at once), except for the
+ * counts and the approximate distinct counts, which give 0. Operand errors
+ * pass through and deliver nothing (the counts deliver what they counted).
+ * A merge ignores a partial result that counted nothing, and a merge into
+ * one makes the merged result its own, ready to be handed out.
+ *
+ *   qmo_seq_agg_<f>_<t>(result, input), _next, _merge   every numeric type t
+ *     sum prd   int1..int8 -> int8, uint1..uint8 -> uint8 (64-bit, wrapping),
+ *               float, double -> double, datetime -> datetime
+ *     min max   the input type
+ *     avg       double; datetime -> datetime (truncating integer mean)
+ *     var var_samp dev dev_samp -> double, from sums of x and x squared:
+ *               var = (s2 - s1 * s1 / n) / n; var_samp = (s2 - s1 * s1 / (n - 1))
+ *               / (n - 1), deliberately with n - 1 in both places (1, 2, 3 gives
+ *               -2), and 0 for one element; dev and dev_samp are their roots
+ *   qmo_seq_agg_min_max_<t>(result, input), _next: two elements, min then
+ *     max, in the input type (datetime: as doubles); not mergeable
+ *   qmo_seq_<f>_<t>(result, x, y), _next, _merge: pairs advanced in step, a
+ *     pair counted when neither element is null; results double
+ *     cov   (sxy - sy * sx / n) / n
+ *     corr  (sxy - sy * sx / n) / sqrt((syy - sy * sy / n) * (sxx - sx * sx / n))
+ *     wsum  sum of x * y, multiplied in double
+ *     wavg  sum of x * y / sum of x: x is the weight; integer products are
+ *           formed in the element type's arithmetic (32-bit for 1- to 4-byte
+ *           types, 64-bit for 8-byte types), wrapping, before conversion
+ *
+ * The first element of the operand's first tile seeds the accumulators even
+ * when it is null; the seed is dropped at the first counted element unless the
+ * whole first tile is null and a later tile has none.
+ *
+ * State (record state words, one-operand families): word 1 the accumulator
+ * (sum or product in the result type, min or max in the input type, avg's sum
+ * as double or, for datetime, as uint64), word 2 the sum of squares (double),
+ * word 3 the count of non-null elements. Pairs: words 1-5 the doubles sx, sy,
+ * sxx, sxy, syy (unused ones 0), word 6 the count of pairs.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_AGGREGATE_OPS(X) \
+    X(agg_sum) X(agg_prd) X(agg_min) X(agg_max) X(agg_avg) X(agg_var) X(agg_var_samp) X(agg_dev) X(agg_dev_samp)
+#define QMO_SEQ_PAIR_AGGREGATE_OPS(X) X(cov) X(corr) X(wsum) X(wavg)
+
+#define QMO_SEQ_DECLARE_MERGE_(op, t, ctype, code) \
+    QMO_SEQ_API int qmo_seq_##op##_##t##_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+#define QMO_SEQ_DECLARE_AGGREGATE_(op, t, ctype, code) \
+    QMO_SEQ_DECLARE_UNARY_(op, t, ctype, code) QMO_SEQ_DECLARE_MERGE_(op, t, ctype, code)
+#define QMO_SEQ_DECLARE_PAIR_AGGREGATE_(op, t, ctype, code) \
+    QMO_SEQ_DECLARE_BINARY_(op, t, ctype, code) QMO_SEQ_DECLARE_MERGE_(op, t, ctype, code)
+#define QMO_SEQ_DECLARE_NUMERIC_AGGREGATE_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_AGGREGATE_, op)
+#define QMO_SEQ_DECLARE_NUMERIC_PAIR_AGGREGATE_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_PAIR_AGGREGATE_, op)
+
+QMO_SEQ_AGGREGATE_OPS(QMO_SEQ_DECLARE_NUMERIC_AGGREGATE_)
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_UNARY_, agg_min_max)
+QMO_SEQ_PAIR_AGGREGATE_OPS(QMO_SEQ_DECLARE_NUMERIC_PAIR_AGGREGATE_)
+
+/**
+ * Counts, of any element type, delivered as one uint8 element (0 for an empty
+ * operand). The operand is neither type-checked nor bound. An operand that is
+ * an array source (reset qmo_seq_unget_reset) is counted from its length
+ * without being pulled (count_not_null subtracts the nulls of its bitmap); a
+ * hash aggregate output (reset qmo_seq_hash_agg_reset) is pulled once and
+ * gives its table's number of groups. Over either, the count is not mergeable
+ * (prepare and merge stay null). Otherwise the operand is pulled to its first
+ * non-zero status, whatever it is, and the elements (non-null ones for
+ * count_not_null) counted so far are delivered with 0. Merge adds the counts.
+ */
+QMO_SEQ_API int qmo_seq_agg_count(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
+QMO_SEQ_API int qmo_seq_count_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_agg_count_not_null(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
+QMO_SEQ_API int qmo_seq_count_not_null_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_count_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+
+/** Seed of every key and distinct-count hash (MurmurHash3, x86 32-bit). */
+#define QMO_SEQ_HASH_SEED 377307
+
+/**
+ * Approximate count of distinct non-null elements, one uint4 element: a
+ * HyperLogLog sketch of 128 one-byte registers over the MurmurHash3 (x86,
+ * 32-bit, seed QMO_SEQ_HASH_SEED) of each element's bytes; standard error
+ * about 9%. Any element type; the operand is bound. The registers are kept in
+ * state words 1-16, so partitions merge (register-wise maximum). An all-null
+ * or empty operand gives 0; only an operand error gives an empty sequence.
+ */
+QMO_SEQ_API int qmo_seq_agg_approxdc(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
+QMO_SEQ_API int qmo_seq_agg_approxdc_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_agg_approxdc_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+/** As qmo_seq_agg_approxdc over uint4 elements that are already hashes (61 otherwise); not mergeable. */
+QMO_SEQ_API int qmo_seq_agg_approxdc_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
+QMO_SEQ_API int qmo_seq_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
+
+/**
+ * Runs the record's own next once (its status is ignored) and sets the
+ * prepared flag: the next call of next then hands out the result computed
+ * here, after any merges, or 11 when the partition had none. Returns 0.
+ */
+QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
+
+/** Reset of hash aggregate outputs: the cursor goes back to the first bucket; the table is kept. */
+QMO_SEQ_API int qmo_seq_hash_agg_reset(qmo_seq_iterator_t *it);
+/** 1 when the record is a hash aggregate output (its reset is qmo_seq_hash_agg_reset), else 0. */
+QMO_SEQ_API int qmo_seq_is_hash_aggreate(const qmo_seq_iterator_t *it);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

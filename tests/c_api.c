@@ -11,6 +11,8 @@
 #define REF_OP_(op, t, ctype, code) (void (*)(void)) qmo_seq_##op##_##t, (void (*)(void)) qmo_seq_##op##_##t##_next,
 #define REF_NUMERIC_(op) QMO_SEQ_NUMERIC_TYPES(REF_OP_, op)
 #define REF_ALL_(op) QMO_SEQ_ALL_TYPES(REF_OP_, op)
+#define REF_MERGE_(op, t, ctype, code) REF_OP_(op, t, ctype, code) (void (*)(void)) qmo_seq_##op##_##t##_merge,
+#define REF_MERGEABLE_(op) QMO_SEQ_NUMERIC_TYPES(REF_MERGE_, op)
 
 static void (*const exported[])(void) = {
     QMO_SEQ_ALL_TYPES(REF_, )
@@ -31,6 +33,16 @@ static void (*const exported[])(void) = {
     (void (*)(void)) qmo_seq_reset_ternary_agg_iterator, (void (*)(void)) qmo_seq_reset_union_iterator,
     (void (*)(void)) qmo_seq_reset_repeat_iterator, (void (*)(void)) qmo_seq_reset_parse_iterator,
     (void (*)(void)) qmo_seq_reset_custom_parse_iterator,
+    QMO_SEQ_AGGREGATE_OPS(REF_MERGEABLE_)
+    QMO_SEQ_PAIR_AGGREGATE_OPS(REF_MERGEABLE_)
+    REF_NUMERIC_(agg_min_max)
+    (void (*)(void)) qmo_seq_agg_count, (void (*)(void)) qmo_seq_count_next,
+    (void (*)(void)) qmo_seq_agg_count_not_null, (void (*)(void)) qmo_seq_count_not_null_next,
+    (void (*)(void)) qmo_seq_count_merge, (void (*)(void)) qmo_seq_agg_approxdc,
+    (void (*)(void)) qmo_seq_agg_approxdc_next, (void (*)(void)) qmo_seq_agg_approxdc_merge,
+    (void (*)(void)) qmo_seq_agg_approxdc_hash, (void (*)(void)) qmo_seq_agg_approxdc_hash_next,
+    (void (*)(void)) qmo_seq_prepare_aggregate, (void (*)(void)) qmo_seq_hash_agg_reset,
+    (void (*)(void)) qmo_seq_is_hash_aggreate,
 };
 
 int main(void) {

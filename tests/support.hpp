@@ -70,6 +70,32 @@ struct NumApi;
 QMO_SEQ_NUMERIC_TYPES(TEST_NUM_API_, )
 #undef TEST_NUM_API_
 
+// AggApi<tag>: the scalar aggregate constructors of one numeric type (each
+// record then carries its own merge function).
+template <class Tag>
+struct AggApi;
+
+#define TEST_AGG_API_(a, t, ctype, code)                                    \
+    template <>                                                             \
+    struct AggApi<t_##t> {                                                  \
+        static constexpr auto sum = qmo_seq_agg_sum_##t;                    \
+        static constexpr auto prd = qmo_seq_agg_prd_##t;                    \
+        static constexpr auto min = qmo_seq_agg_min_##t;                    \
+        static constexpr auto max = qmo_seq_agg_max_##t;                    \
+        static constexpr auto avg = qmo_seq_agg_avg_##t;                    \
+        static constexpr auto var = qmo_seq_agg_var_##t;                    \
+        static constexpr auto var_samp = qmo_seq_agg_var_samp_##t;          \
+        static constexpr auto dev = qmo_seq_agg_dev_##t;                    \
+        static constexpr auto dev_samp = qmo_seq_agg_dev_samp_##t;          \
+        static constexpr auto min_max = qmo_seq_agg_min_max_##t;            \
+        static constexpr auto cov = qmo_seq_cov_##t;                        \
+        static constexpr auto corr = qmo_seq_corr_##t;                      \
+        static constexpr auto wsum = qmo_seq_wsum_##t;                      \
+        static constexpr auto wavg = qmo_seq_wavg_##t;                      \
+    };
+QMO_SEQ_NUMERIC_TYPES(TEST_AGG_API_, )
+#undef TEST_AGG_API_
+
 // The eleven numeric tags as gtest types (a dummy first entry eats the comma).
 #define TEST_TAG_LIST_(a, t, ctype, code) , t_##t
 template <class First, class... Rest>

@@ -1,0 +1,113 @@
+// The distinct-count sketch: MurmurHash3 against published vectors, register
+// updates, the estimator's branches, and the approximate distinct count
+// aggregates built on them.
+#include "support.hpp"
+
+#include "aggregate/distinct.hpp"
+
+#include <cmath>
+#include <numeric>
+
+using namespace test;
+
+TEST(Murmur3, PublishedVectors) {
+    struct Row {
+        std::string data;
+        uint32_t seed, hash;
+    };
+    for (const Row &row : std::vector<Row>{{"", 0, 0},
+                                           {"", 1, 0x514E28B7},
+                                           {"", 0xFFFFFFFF, 0x81F16F39},
+                                           {std::string(4, '\0'), 0, 0x2362F9DE},
+                                           {"test", 0, 0xBA6BD213},
+                                           {"abc", 0, 0xB3DD93FA},
+                                           {"Hello, world!", 1234, 0xFAF6CDB3},
+                                           {"Hello, world!", 0x9747B28C, 0x24884CBA},
+                                           {"The quick brown fox jumps over the lazy dog", 0, 0x2E4FF723}})
+        EXPECT_EQ(qmo::murmur_hash3_32(row.data.data(), row.data.size(), row.seed), row.hash)
+            << '"' << row.data << "\" seed " << row.seed;
+}
+
+// Index: the top 7 bits. Rank: 1 + trailing zeros of the whole hash, at most 26.
+TEST(DistinctRegisters, IndexAndRankOfAHash) {
+    struct Row {
+        uint32_t hash;
+        unsigned index, rank;
+    };
+    for (const Row &row : std::vector<Row>{{0x00000001, 0, 1}, {0x00000008, 0, 4}, {0xFE000001, 127, 1},
+                                           {0x01000000, 0, 25}, {0x02000000, 1, 26}, {0x80000000, 64, 26},
+                                           {0x00000000, 0, 26}}) {
+        uint8_t r[128] = {};
+        qmo::distinct_add(r, row.hash);
+        qmo::distinct_add(r, (row.index << 25) | 1);  // a lower rank never lowers it
+        EXPECT_EQ(r[row.index], row.rank) << std::hex << row.hash;
+        EXPECT_EQ(std::accumulate(r, r + 128, 0u), row.rank) << "one register changes";
+    }
+}
+
+TEST(DistinctRegisters, EstimatorBranches) {
+    auto estimate = [](uint8_t fill, int set_at = -1) {
+        uint8_t r[128];
+        std::fill(r, r + 128, fill);
+        if (set_at >= 0) r[set_at] = 3;
+        return qmo::approximate_distinct_count(r);
+    };
+    const double raw21 = 11718.991761634348 * (1 << 21) / 128;  // above 143165576.5
+    EXPECT_EQ(estimate(0), 0) << "128 ln(128 / 128)";
+    EXPECT_EQ(estimate(0, 5), static_cast<int64_t>(128 * std::log(128.0 / 127))) << "linear counting";
+    EXPECT_EQ(estimate(1), 183) << "no zero register: the raw 11718.99 / 64 stands at or below 320";
+    EXPECT_EQ(estimate(2), 366);
+    EXPECT_EQ(estimate(21), static_cast<int64_t>(-4294967295.0 * std::log(1 - raw21 / 4294967295.0)));
+    EXPECT_EQ(estimate(26), INT64_MIN) << "raw beyond 2^32 - 1: the log of a negative";
+}
+
+namespace {
+
+uint32_t approxdc(Iter *source, Iter *agg) {
+    EXPECT_EQ(qmo_seq_agg_approxdc(agg, source), 0);
+    EXPECT_EQ(agg->elem_type, QMO_SEQ_TYPE_UINT4);
+    EXPECT_EQ(agg->next(agg), 0);
+    return agg->values.u4[0];
+}
+
+}  // namespace
+
+// Standard error 1.04 / sqrt(128); three of them allowed.
+TEST(ApproximateDistinctCount, WithinThreeStandardErrors) {
+    for (int64_t n : {1000, 10000, 100000, 1000000}) {
+        std::vector<int64_t> values(static_cast<size_t>(n) * 2);
+        for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<int64_t>(i % n) * 7919 - 123456;
+        Iter src, agg;
+        qmo_seq_unget_int8(&src, values.data(), values.size());
+        const double e = approxdc(&src, &agg);
+        EXPECT_LT(std::fabs(e - n) / n, 3 * 1.04 / std::sqrt(128.0)) << n << " distinct, estimate " << e;
+    }
+}
+
+// Each element's bytes (all width bytes of a char) with the library's seed;
+// nulls skipped; the registers kept in the state for the merge.
+TEST(ApproximateDistinctCount, HashesEachNonNullElementsBytes) {
+    std::vector<int32_t> values(300);
+    std::vector<uint32_t> hashes(values.size());
+    uint8_t registers[128] = {};
+    for (size_t i = 0; i < values.size(); ++i) {
+        values[i] = static_cast<int32_t>(i * 31);
+        hashes[i] = qmo::murmur_hash3_32(&values[i], 4, QMO_SEQ_HASH_SEED);
+        if (i < 200) qmo::distinct_add(registers, hashes[i]);
+    }
+    std::vector<size_t> nulls(100);
+    std::iota(nulls.begin(), nulls.end(), 200);
+    Source<t_int4> direct(values, nulls);
+    Source<t_uint4> hashed(hashes, nulls);
+    Iter agg;
+    const auto expected = static_cast<uint32_t>(qmo::approximate_distinct_count(registers));
+    EXPECT_EQ(approxdc(&direct.it, &agg), expected);
+    EXPECT_EQ(std::memcmp(agg.state, registers, 128), 0);
+    ASSERT_EQ(qmo_seq_agg_approxdc_hash(&agg, &hashed.it), 0);
+    EXPECT_EQ(agg.merge, nullptr);
+    ASSERT_EQ(agg.next(&agg), 0);
+    EXPECT_EQ(agg.values.u4[0], expected);
+
+    CharSource text(5, {"ab", "ab", std::string("ab\0z", 4)});
+    EXPECT_EQ(approxdc(&text.it, &agg), 2u) << "bytes after the NUL count";
+}
