@@ -68,25 +68,12 @@ inline unsigned live_count(const Iter *it) noexcept {
 
 // ---- accumulation ----------------------------------------------------------------
 
-// Adds K terms of elements 0..n-1 into w. Integer additions vectorise as
-// they are; double additions need independent lanes, so doubles are summed
-// in lane order, not strictly left to right.
+// Adds K terms of elements 0..n-1 into w, strictly left to right, so that a
+// floating sum does not depend on how the input was cut into tiles (integer
+// sums vectorise as they are).
 template <class A, unsigned K, class Terms>
-inline void lane_sum(A (&w)[K], unsigned n, Terms terms) {
-    unsigned i = 0;
-    if constexpr (std::is_floating_point_v<A>) {
-        constexpr unsigned L = 8;
-        A lane[K][L] = {};
-        for (; i + L <= n; i += L)
-            for (unsigned j = 0; j < L; ++j) {
-                A t[K];
-                terms(i + j, t);
-                for (unsigned k = 0; k < K; ++k) lane[k][j] += t[k];
-            }
-        for (unsigned k = 0; k < K; ++k)
-            for (unsigned j = 0; j < L; ++j) w[k] += lane[k][j];
-    }
-    for (; i < n; ++i) {
+inline void sum_terms(A (&w)[K], unsigned n, Terms terms) {
+    for (unsigned i = 0; i < n; ++i) {
         A t[K];
         terms(i, t);
         for (unsigned k = 0; k < K; ++k) w[k] += t[k];
@@ -128,7 +115,7 @@ inline void join_of(typename F::acc &into, const typename F::acc &from) {
 template <class F, class T>
 inline void fold_dense(typename F::acc &s, const T *x, unsigned n) {
     if constexpr (Sums<F>) {
-        lane_sum(s.w, n, [x](unsigned i, auto &t) { F::terms(x[i], t); });
+        sum_terms(s.w, n, [x](unsigned i, auto &t) { F::terms(x[i], t); });
     } else {
         for (unsigned i = 0; i < n; ++i) F::step(s, x[i]);
     }
@@ -238,7 +225,7 @@ int pair_next(Iter *it) {
                                    xs->null_bitmap[1] | ys->null_bitmap[1]};
         if ((nulls[0] | nulls[1]) == 0) {
             n += len;
-            lane_sum(s.w, len, [x, y](unsigned i, auto &t) { F::terms(x[i], y[i], t); });
+            sum_terms(s.w, len, [x, y](unsigned i, auto &t) { F::terms(x[i], y[i], t); });
         } else {
             for_each_live(nulls, len, [&](unsigned i) {
                 typename F::acc t;
