@@ -123,7 +123,7 @@ struct Quicksort {
 
     // Afterwards s[1] <= s[0] <= s[n-1]: the pivot in s[0], sentinels around it.
     void median_of_three(Slot *s, uint64_t n) {
-        if (less(s[1], s[0])) std::swap(s[1], s[0]);
+        if (less(s[0], s[1])) std::swap(s[0], s[1]);
         if (less(s[n - 1], s[0])) {
             std::swap(s[0], s[n - 1]);
             if (less(s[0], s[1])) std::swap(s[0], s[1]);
