@@ -35,14 +35,33 @@ inline key_t<E> sort_key(value_t<E> v) noexcept {
     using K = key_t<E>;
     constexpr K top = static_cast<K>(K{1} << (8 * sizeof(K) - 1));
     if constexpr (E::is_float) {
-        if (std::isnan(v)) return static_cast<K>(~K{0});
-        const K bits = v == 0 ? K{0} : std::bit_cast<K>(v);
-        return bits & top ? static_cast<K>(~bits) : static_cast<K>(bits | top);
+        // Negative values have all bits flipped, others only the sign bit;
+        // selects rather than branches, as signs of real data are unpredictable.
+        using S = std::make_signed_t<K>;
+        const K bits = std::bit_cast<K>(v);
+        const K flip = static_cast<K>(static_cast<S>(bits) >> (8 * sizeof(K) - 1)) | top;
+        return std::isnan(v) ? static_cast<K>(~K{0}) : v == 0 ? top : static_cast<K>(bits ^ flip);
     } else if constexpr (E::is_signed) {
         return static_cast<K>(static_cast<K>(v) ^ top);
     } else {
         return v;
     }
+}
+
+// The same order on the values themselves, for comparisons that read them
+// directly: cheaper than mapping both sides to keys.
+template <class T>
+struct Ordered {
+    T v;
+    friend bool operator<(Ordered a, Ordered b) {
+        if constexpr (std::is_floating_point_v<T>) return a.v < b.v || (std::isnan(b.v) && !std::isnan(a.v));
+        else return a.v < b.v;
+    }
+};
+
+template <class T>
+inline Ordered<T> ordered(T v) noexcept {
+    return {v};
 }
 
 // ---- layouts: what the sort moves ---------------------------------------------
@@ -57,7 +76,7 @@ struct ByPosition {
     using Slot = uint64_t;
     const value_t<E> *values;
     Slot make(uint64_t i) const { return i; }
-    key_t<E> key(Slot s) const { return sort_key<E>(values[s]); }
+    Ordered<value_t<E>> key(Slot s) const { return ordered(values[s]); }
     static uint64_t position(Slot s) { return s; }
 };
 
@@ -88,6 +107,9 @@ struct Paired {
 // ---- the algorithm ------------------------------------------------------------
 
 inline constexpr uint64_t kInsertionMax = 50;
+// 8-byte keys are paired with their positions unless fewer than one in this
+// many values is below its predecessor.
+inline constexpr uint64_t kLocalDisorder = 8;
 
 // One seed per element type, shared by every sort of that type in the process.
 template <class E>
@@ -198,14 +220,21 @@ void init_permutation(uint64_t *perm, uint64_t n, int order) {
 template <class E>
 uint64_t first_descent(const value_t<E> *v, uint64_t n) {
     for (uint64_t i = 1; i < n; ++i)
-        if (sort_key<E>(v[i]) < sort_key<E>(v[i - 1])) return i;
+        if (ordered(v[i]) < ordered(v[i - 1])) return i;
     return n;
+}
+
+template <class E>
+uint64_t descents(const value_t<E> *v, uint64_t n) {
+    uint64_t d = 0;
+    for (uint64_t i = 1; i < n; ++i) d += ordered(v[i]) < ordered(v[i - 1]);
+    return d;
 }
 
 template <class E>
 bool non_increasing(const value_t<E> *v, uint64_t n) {
     for (uint64_t i = 1; i < n; ++i)
-        if (sort_key<E>(v[i - 1]) < sort_key<E>(v[i])) return false;
+        if (ordered(v[i - 1]) < ordered(v[i])) return false;
     return true;
 }
 
@@ -241,7 +270,10 @@ int sort(const value_t<E> *values, uint64_t *perm, uint64_t n, int order) {
             sort_slots<E>(Packed<E>{values}, perm, perm, n, prefix, depth);
             done = true;
         }
-    } else {
+    } else if (descents<E>(values, n) >= n / kLocalDisorder) {
+        // Reading keys through positions costs a cache miss per comparison
+        // unless the input is nearly in order; then borrowing memory for
+        // pairs costs more than it saves.
         using Slot = typename Paired<E>::Slot;
         const size_t bytes = n * sizeof(Slot);
         if (auto *pairs = static_cast<Slot *>(qmo_seq_malloc(nullptr, bytes))) {

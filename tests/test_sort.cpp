@@ -124,7 +124,7 @@ void expect_value_order(const std::vector<T> &v, const std::vector<uint64_t> &pe
     EXPECT_EQ(bad, 0u) << "elements out of order";
 }
 
-enum Shape { Random, Sorted, Reversed, OrganPipe, FewDistinct };
+enum Shape { Random, Sorted, Reversed, OrganPipe, FewDistinct, NearlySorted };
 
 template <class T>
 std::vector<T> input(Shape shape, size_t n, uint64_t seed) {
@@ -136,21 +136,25 @@ std::vector<T> input(Shape shape, size_t n, uint64_t seed) {
         else if constexpr (std::is_floating_point_v<T>) v[i] = static_cast<T>(std::uniform_real_distribution<>(-1e6, 1e6)(rng));
         else v[i] = static_cast<T>(rng());
     }
-    if (shape == Sorted || shape == Reversed) std::sort(v.begin(), v.end());
+    if (shape == Sorted || shape == Reversed || shape == NearlySorted) std::sort(v.begin(), v.end());
     if (shape == Reversed) std::reverse(v.begin(), v.end());
+    for (size_t i = 0; shape == NearlySorted && i + 9 < n; i += 50) std::swap(v[i], v[i + 1 + rng() % 8]);
     return v;
 }
 
-// Every shape, size and order; organ pipes are checked against the reference only.
+// Every shape, size and order. Slices above 50 may stay unsorted only when
+// the array opens with a longer ascending run (organ pipes, say): then only
+// the reference can tell what is right.
 template <class Tag>
 void sort_every_shape(std::initializer_list<size_t> sizes) {
-    for (Shape shape : {Random, Sorted, Reversed, OrganPipe, FewDistinct})
+    for (Shape shape : {Random, Sorted, Reversed, OrganPipe, FewDistinct, NearlySorted})
         for (size_t n : sizes)
             for (int order : {kAsc, kDesc}) {
                 SCOPED_TRACE(testing::Message() << "shape " << shape << ", n " << n << ", order " << order);
                 const auto v = input<V<Tag>>(shape, n, n * 8 + shape);
                 const auto perm = sort_both<Tag>(v, order);
-                if (shape != OrganPipe) expect_value_order(v, perm, order);
+                const size_t run = std::is_sorted_until(v.begin(), v.end(), lt<V<Tag>>) - v.begin();
+                if (run <= 50 || run == n) expect_value_order(v, perm, order);
             }
 }
 
@@ -190,7 +194,7 @@ void nan_rows() {
     }
     for (Shape shape : {Random, FewDistinct}) {
         auto v = input<T>(shape, 1000, 5);
-        for (size_t i = 0; i < v.size(); i += 7) v[i] = i % 2 ? nan : -nan;
+        for (size_t i = 0; i < v.size(); i += 7) v[i] = i % 2 ? nan : -nan, v[i + 3] = i % 2 ? T(0) : T(-0.0);
         for (int order : {kAsc, kDesc}) {
             const auto perm = sort_both<Tag>(v, order);
             expect_value_order(v, perm, order);
@@ -291,7 +295,7 @@ TEST(Sort, AnAscendingOpeningLeavesLongSlicesUnsorted) {
     EXPECT_FALSE(std::is_sorted(perm.begin(), perm.end(), [&](uint64_t p, uint64_t q) { return v[p] < v[q]; }));
 }
 
-TEST(Sort, NaNsCountAsGreatestAndEqual) {
+TEST(Sort, NaNsCountAsGreatestAndEqualAndZerosAsEqual) {
     nan_rows<t_float>();
     nan_rows<t_double>();
 }
@@ -305,11 +309,14 @@ TEST(Sort, EightByteKeysSortInPlaceWhenMemoryIsRefused) {
     Hooks refuse_all(1);
     for (Shape shape : {Random, FewDistinct}) {
         Hooks::calls = 0;
+        auto d = input<double>(shape, 1000, 2);
+        for (size_t i = 0; i < d.size(); i += 7) d[i] = std::nan("");
+        sort_both<t_double>(d, kAsc);
         sort_both<t_int8>(input<int64_t>(shape, 1000, 3), kDesc);
         sort_both<t_datetime>(input<uint64_t>(shape, 1000, 4), kAsc);
-        EXPECT_EQ(Hooks::calls, 2);
+        EXPECT_EQ(Hooks::calls, 3);
         sort_both<t_int4>(input<int32_t>(shape, 1000, 4), kAsc);
-        EXPECT_EQ(Hooks::calls, 2) << "narrow keys sort inside the permutation";
+        EXPECT_EQ(Hooks::calls, 3) << "narrow keys sort inside the permutation";
     }
     EXPECT_TRUE(Hooks::live.empty());
 }
