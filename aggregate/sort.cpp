@@ -247,6 +247,26 @@ void sort_slots(L layout, typename L::Slot *slots, uint64_t *perm, uint64_t n, u
     for (uint64_t i = 0; i < n; ++i) perm[i] = L::position(slots[i]);
 }
 
+// Ascending into perm, through the layout that suits the input.
+template <class E>
+void sort_ascending(const value_t<E> *values, uint64_t *perm, uint64_t n, uint64_t prefix, int depth) {
+    if constexpr (E::size <= 4) {
+        if (n <= uint64_t{1} << 32) return sort_slots<E>(Packed<E>{values}, perm, perm, n, prefix, depth);
+    } else if (descents<E>(values, n) >= n / kLocalDisorder) {
+        // Reading keys through positions costs a cache miss per comparison
+        // unless the input is nearly in order; then borrowing memory for
+        // pairs costs more than it saves.
+        using Slot = typename Paired<E>::Slot;
+        const size_t bytes = n * sizeof(Slot);
+        if (auto *pairs = static_cast<Slot *>(qmo_seq_malloc(nullptr, bytes))) {
+            sort_slots<E>(Paired<E>{values}, pairs, perm, n, prefix, depth);
+            qmo_seq_free(nullptr, pairs, bytes);
+            return;
+        }
+    }
+    sort_slots<E>(ByPosition<E>{values}, perm, perm, n, prefix, depth);
+}
+
 template <class E>
 int sort(const value_t<E> *values, uint64_t *perm, uint64_t n, int order) {
     if (n <= 1) {
@@ -264,25 +284,7 @@ int sort(const value_t<E> *values, uint64_t *perm, uint64_t n, int order) {
     }
     const uint64_t quarter = n / 4;
     const int depth = quarter == 0 ? 4 : 2 * (2 + static_cast<int>(std::bit_width(quarter)));
-    bool done = false;
-    if constexpr (E::size <= 4) {
-        if (n <= uint64_t{1} << 32) {
-            sort_slots<E>(Packed<E>{values}, perm, perm, n, prefix, depth);
-            done = true;
-        }
-    } else if (descents<E>(values, n) >= n / kLocalDisorder) {
-        // Reading keys through positions costs a cache miss per comparison
-        // unless the input is nearly in order; then borrowing memory for
-        // pairs costs more than it saves.
-        using Slot = typename Paired<E>::Slot;
-        const size_t bytes = n * sizeof(Slot);
-        if (auto *pairs = static_cast<Slot *>(qmo_seq_malloc(nullptr, bytes))) {
-            sort_slots<E>(Paired<E>{values}, pairs, perm, n, prefix, depth);
-            qmo_seq_free(nullptr, pairs, bytes);
-            done = true;
-        }
-    }
-    if (!done) sort_slots<E>(ByPosition<E>{values}, perm, perm, n, prefix, depth);
+    sort_ascending<E>(values, perm, n, prefix, depth);
     if (order == QMO_SEQ_DESCENDING) std::reverse(perm, perm + n);
     return QMO_SEQ_OK;
 }

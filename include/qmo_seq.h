@@ -410,8 +410,9 @@ QMO_SEQ_API int qmo_seq_not_qmo_seq_bool_next(qmo_seq_iterator_t *it);
  * every other NaN, in every comparison, so NaNs come last in ascending and
  * first in descending order; -0.0 and 0.0 are equal.
  * The 8-byte members borrow 16 * n bytes through qmo_seq_malloc (context
- * null) for the length of the call; if that is refused they sort in place,
- * with the same result.
+ * null) for the length of the call unless the input is nearly in order; if
+ * that is refused they sort in place, with the same result. The others
+ * take no memory.
  *
  *   qmo_seq_order_by_<t>(result, input, permutation, n, buffer)
  *

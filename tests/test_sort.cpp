@@ -129,11 +129,12 @@ enum Shape { Random, Sorted, Reversed, OrganPipe, FewDistinct, NearlySorted };
 template <class T>
 std::vector<T> input(Shape shape, size_t n, uint64_t seed) {
     std::mt19937_64 rng(seed);
+    std::uniform_real_distribution<> real(-1e6, 1e6);
     std::vector<T> v(n);
     for (size_t i = 0; i < n; ++i) {
         if (shape == OrganPipe) v[i] = static_cast<T>(std::min(i, n - 1 - i) * 100 / n);
         else if (shape == FewDistinct) v[i] = static_cast<T>(rng() % 5);
-        else if constexpr (std::is_floating_point_v<T>) v[i] = static_cast<T>(std::uniform_real_distribution<>(-1e6, 1e6)(rng));
+        else if constexpr (std::is_floating_point_v<T>) v[i] = static_cast<T>(real(rng));
         else v[i] = static_cast<T>(rng());
     }
     if (shape == Sorted || shape == Reversed || shape == NearlySorted) std::sort(v.begin(), v.end());
@@ -292,7 +293,7 @@ TEST(Sort, FiftyValuesAreInsertionSortedAndFiftyOneArePartitioned) {
 TEST(Sort, AnAscendingOpeningLeavesLongSlicesUnsorted) {
     const auto v = input<int32_t>(OrganPipe, 1000, 0);
     const auto perm = sort_both<t_int4>(v, kAsc);
-    EXPECT_FALSE(std::is_sorted(perm.begin(), perm.end(), [&](uint64_t p, uint64_t q) { return v[p] < v[q]; }));
+    EXPECT_FALSE(std::is_sorted(perm.begin(), perm.end(), [&](auto p, auto q) { return v[p] < v[q]; }));
 }
 
 TEST(Sort, NaNsCountAsGreatestAndEqualAndZerosAsEqual) {
@@ -404,7 +405,7 @@ TEST(OrderBy, FailuresGiveBackEverythingTaken) {
         EXPECT_TRUE(Hooks::live.empty()) << row.what;
         EXPECT_EQ(out.buf, nullptr) << row.what;
         Hooks::refuse_from = in.fail_with = 0;
-        EXPECT_EQ(drain<int32_t>(&out).values.size(), row.input.size()) << row.what << ": the next pull tries again";
+        EXPECT_EQ(drain<int32_t>(&out).values.size(), row.input.size()) << row.what << ": pulled again";
         out.reset(&out);
     }
     // A short input: positions past its end read as null zeros.
@@ -418,6 +419,6 @@ TEST(OrderBy, FailuresGiveBackEverythingTaken) {
     ASSERT_EQ(out.reset(&out), 0);
     EXPECT_TRUE(Hooks::live.empty());
     load(in, std::vector<int32_t>{10, 20, 30, 40, 50});
-    EXPECT_EQ(drain<int32_t>(&out).values, (std::vector<int32_t>{50, 10, 30, 20, 40})) << "a reset forgets the short read";
+    EXPECT_EQ(drain<int32_t>(&out).values, (std::vector<int32_t>{50, 10, 30, 20, 40})) << "short read forgotten";
     out.reset(&out);
 }
