@@ -729,6 +729,72 @@ QMO_SEQ_API int qmo_seq_hash_agg_reset(qmo_seq_iterator_t *it);
 /** 1 when the record is a hash aggregate output (its reset is qmo_seq_hash_agg_reset), else 0. */
 QMO_SEQ_API int qmo_seq_is_hash_aggreate(const qmo_seq_iterator_t *it);
 
+/* ------------------------------------------------------------------------
+ * Sorting into permutations, for every numeric type t:
+ *
+ *   qmo_seq_sort_<t>(values, permutation, n, order)      returns 0
+ *
+ * Fills permutation[0..n) with positions into values such that reading the
+ * values through it gives them in the requested order; the values never
+ * move. The permutation, ties included, is fixed by the algorithm:
+ *   - a non-decreasing input gives 0, 1, ..., n-1 (descending: reversed);
+ *   - a non-increasing input gives n-1, ..., 0 (descending: 0, ..., n-1), so
+ *     equal values then come in reverse arrival order;
+ *   - anything else is sorted ascending by a quicksort with random pivots
+ *     (median of three, insertion sort of slices up to 50, heap sort when a
+ *     depth budget runs out) and reversed for QMO_SEQ_DESCENDING.
+ * Deliberate quirk: a slice of more than 50 positions is left as it stands
+ * when as many values from the start of the whole array are non-decreasing;
+ * an input that opens with a long ascending run (an organ pipe, say) can
+ * come back partly unordered.
+ * Pivots come from one process-wide seed per element type, updated without
+ * locks: concurrent sorts of one type change each other's pivots (and so
+ * the order of equal values), never the correctness of a sort.
+ * Order codes other than the two below sort ascending, except that a
+ * non-increasing input then comes back as 0, 1, ..., n-1.
+ * float and double: NaN counts as greater than every number and equal to
+ * every other NaN, in every comparison, so NaNs come last in ascending and
+ * first in descending order; -0.0 and 0.0 are equal.
+ * The 8-byte members borrow 16 * n bytes through qmo_seq_malloc (context
+ * null) for the length of the call unless the input is nearly in order; if
+ * that is refused they sort in place, with the same result. The others
+ * take no memory.
+ *
+ *   qmo_seq_order_by_<t>(result, input, permutation, n, buffer)
+ *
+ * Delivers the n elements of input (type t, else 61) in the order of
+ * permutation (not copied; it must outlive the sequence): tile element k is
+ * element permutation[pos + k] of the input. last_pos is n - 1.
+ * With buffer null, the first pull reads the whole input (at most n
+ * elements, nulls kept) into a buffer and a null bitmap taken through the
+ * allocator hooks (52 if either is refused; nothing is kept then) and the
+ * record's reset becomes qmo_seq_order_by_reset. If the input has fewer
+ * than n elements, the sequence is that long and positions past the input's
+ * end read as null zeros. A status of the input is returned unchanged
+ * (11 for an empty input) and the memory is given back.
+ * qmo_seq_order_by_reset frees that memory and resets the input: the next
+ * pull reads the input afresh.
+ * With buffer given, it must hold the input's n values (no nulls) and
+ * outlive the sequence; the input is never pulled and the buffer is never
+ * freed by the library, by qmo_seq_order_by_reset neither.
+ * ---------------------------------------------------------------------- */
+
+/** Order codes of qmo_seq_sort_<t>. */
+#define QMO_SEQ_ASCENDING 1
+#define QMO_SEQ_DESCENDING 2
+
+#define QMO_SEQ_DECLARE_SORT_(a, t, ctype, code)                                                 \
+    QMO_SEQ_API int qmo_seq_sort_##t(const ctype *values, uint64_t *permutation, uint64_t n,     \
+                                     int order);                                                  \
+    QMO_SEQ_API int qmo_seq_order_by_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,  \
+                                         const uint64_t *permutation, uint64_t n,                 \
+                                         const ctype *buffer);                                    \
+    QMO_SEQ_API int qmo_seq_order_by_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_SORT_, )
+
+/** Reset of an ordering iterator that read its input: frees what it took, resets the input. */
+QMO_SEQ_API int qmo_seq_order_by_reset(qmo_seq_iterator_t *it);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -95,6 +95,19 @@ struct AggApi;
     };
 QMO_SEQ_NUMERIC_TYPES(TEST_AGG_API_, )
 #undef TEST_AGG_API_
+// SortApi<tag>: sorting and the ordering iterator of one numeric type.
+template <class Tag>
+struct SortApi;
+
+#define TEST_SORT_API_(a, t, ctype, code)                                  \
+    template <>                                                            \
+    struct SortApi<t_##t> : NumApi<t_##t> {                                \
+        static constexpr auto sort = qmo_seq_sort_##t;                     \
+        static constexpr auto order_by = qmo_seq_order_by_##t;             \
+        static constexpr auto order_by_next = qmo_seq_order_by_##t##_next; \
+    };
+QMO_SEQ_NUMERIC_TYPES(TEST_SORT_API_, )
+#undef TEST_SORT_API_
 
 // The eleven numeric tags as gtest types (a dummy first entry eats the comma).
 #define TEST_TAG_LIST_(a, t, ctype, code) , t_##t
