@@ -31,23 +31,23 @@
  * marks the few names the database core supplies (the stand-alone support
  * library qmo_seq_standalone provides them when there is no core).
  * ---------------------------------------------------------------------- */
-#if defined(_WIN32)
-#  if defined(QMO_SEQ_BUILDING)
+#ifndef QMO_SEQ_API
+#  if defined(_WIN32) && defined(QMO_SEQ_BUILDING)
 #    define QMO_SEQ_API __declspec(dllexport)
+#  elif defined(__GNUC__)
+#    define QMO_SEQ_API __attribute__((visibility("default")))
 #  else
 #    define QMO_SEQ_API
 #  endif
-#  if defined(QMO_SEQ_CORE_BUILDING)
+#endif
+#ifndef QMO_SEQ_CORE_API
+#  if defined(_WIN32) && defined(QMO_SEQ_CORE_BUILDING)
 #    define QMO_SEQ_CORE_API __declspec(dllexport)
+#  elif defined(__GNUC__)
+#    define QMO_SEQ_CORE_API __attribute__((visibility("default")))
 #  else
 #    define QMO_SEQ_CORE_API
 #  endif
-#elif defined(__GNUC__)
-#  define QMO_SEQ_API __attribute__((visibility("default")))
-#  define QMO_SEQ_CORE_API __attribute__((visibility("default")))
-#else
-#  define QMO_SEQ_API
-#  define QMO_SEQ_CORE_API
 #endif
 
 #ifdef __cplusplus

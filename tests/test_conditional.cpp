@@ -351,7 +351,9 @@ TEST(FirstPos, PartitionsPreparedAndMergedMatchOneScan) {
             ASSERT_EQ(qmo_seq_filter_first_pos(&part[p], &lim[p], n), 0);
             part[p].prepare(&part[p]);
             EXPECT_EQ(part[p].prepared, 1);
-            if (p != 2) ASSERT_EQ(part[2].merge(&part[2], &part[p]), 0);
+            if (p != 2) {
+                ASSERT_EQ(part[2].merge(&part[2], &part[p]), 0);
+            }
         }
         const auto merged = drain<uint64_t>(&part[2]);
         EXPECT_EQ(merged.values, expected);

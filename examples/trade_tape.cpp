@@ -1,0 +1,137 @@
+#include "trade_tape.hpp"
+
+#include <chrono>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+
+namespace tape {
+
+Tape generate(size_t rows, uint64_t seed) {
+    Tape t;
+    t.ts.resize(rows);
+    t.price.resize(rows);
+    t.size.resize(rows);
+    t.symbol.resize(rows);
+    std::mt19937_64 rng(seed);
+    std::exponential_distribution<double> gap_us(1.0 / 2000.0);  // a trade every 2 ms on average
+    std::normal_distribution<double> step(0.0, 0.01);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    uint64_t now = 1795426200ull * 1000000ull;  // 2026-11-23 09:30:00 UTC
+    double price = 100.0;
+    for (size_t i = 0; i < rows; ++i) {
+        now += 1 + static_cast<uint64_t>(gap_us(rng));
+        price = std::max(0.01, price + step(rng));
+        // Pareto sizes (alpha 1.2) in lots of 10, capped at a million shares.
+        const double pareto = 1.0 / std::pow(1.0 - unit(rng), 1.0 / 1.2);
+        t.ts[i] = now;
+        t.price[i] = std::round(price * 100.0) / 100.0;
+        t.size[i] = static_cast<int32_t>(std::min(1e6, 10.0 * std::floor(pareto)));
+        t.symbol[i] = static_cast<uint16_t>(std::min(499.0, std::floor(500.0 * unit(rng) * unit(rng))));
+    }
+    return t;
+}
+
+namespace {
+
+struct FileCloser {
+    void operator()(FILE *f) const { std::fclose(f); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+const char kHeader[] = "ts,price,size,symbol";
+
+// Parses one field ending at a comma (or the line's end for the last field).
+template <class T>
+bool parse_field(char *&p, bool last, T &value) {
+    char *end = nullptr;
+    errno = 0;
+    if constexpr (std::is_same_v<T, double>) {
+        value = std::strtod(p, &end);
+    } else if constexpr (std::is_signed_v<T>) {
+        const long long v = std::strtoll(p, &end, 10);
+        if (v < INT32_MIN || v > INT32_MAX) return false;
+        value = static_cast<T>(v);
+    } else {
+        if (*p == '-') return false;
+        const unsigned long long v = std::strtoull(p, &end, 10);
+        if (v > std::numeric_limits<T>::max()) return false;
+        value = static_cast<T>(v);
+    }
+    if (end == p || errno == ERANGE) return false;
+    if (last ? (*end != '\0' && *end != '\n' && *end != '\r') : *end != ',') return false;
+    p = end + 1;
+    return true;
+}
+
+}  // namespace
+
+bool load_csv(const std::string &path, Tape &out, std::string &error) {
+    File f(std::fopen(path.c_str(), "rb"));
+    if (!f) {
+        error = "cannot open " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    char line[512];
+    if (!std::fgets(line, sizeof line, f.get()) || std::strncmp(line, kHeader, sizeof kHeader - 1) != 0 ||
+        (line[sizeof kHeader - 1] != '\n' && line[sizeof kHeader - 1] != '\r' && line[sizeof kHeader - 1] != 0)) {
+        error = path + ":1: expected the header \"" + kHeader + "\"";
+        return false;
+    }
+    out = Tape{};
+    const auto start = std::chrono::steady_clock::now();
+    auto last_report = start;
+    static const char *const kColumns[] = {"ts", "price", "size", "symbol"};
+    for (uint64_t number = 2; std::fgets(line, sizeof line, f.get()); ++number) {
+        if (line[0] == '\n' || (line[0] == '\r' && line[1] == '\n')) continue;
+        char *p = line;
+        uint64_t ts;
+        double price;
+        int32_t size;
+        uint16_t symbol;
+        int column = 0;
+        const bool ok = parse_field(p, false, ts) && ++column && parse_field(p, false, price) && ++column &&
+                        parse_field(p, false, size) && ++column && parse_field(p, true, symbol);
+        if (!ok) {
+            line[std::strcspn(line, "\r\n")] = 0;
+            error = path + ":" + std::to_string(number) + ": bad " + kColumns[column] + " value in \"" + line + "\"";
+            return false;
+        }
+        out.ts.push_back(ts);
+        out.price.push_back(price);
+        out.size.push_back(size);
+        out.symbol.push_back(symbol);
+        if ((number & 0xFFFF) == 0) {
+            const auto now = std::chrono::steady_clock::now();
+            if (now - last_report >= std::chrono::seconds(1)) {
+                std::fprintf(stderr, "\rloading %s: %.1f million rows", path.c_str(), out.rows() / 1e6);
+                last_report = now;
+            }
+        }
+    }
+    if (last_report != start) std::fprintf(stderr, "\rloading %s: %.1f million rows, done\n", path.c_str(), out.rows() / 1e6);
+    return true;
+}
+
+bool write_csv(const std::string &path, const Tape &t, std::string &error) {
+    File f(std::fopen(path.c_str(), "wb"));
+    if (!f) {
+        error = "cannot create " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    std::fprintf(f.get(), "%s\n", kHeader);
+    for (size_t i = 0; i < t.rows(); ++i)
+        std::fprintf(f.get(), "%" PRIu64 ",%.2f,%" PRId32 ",%u\n", t.ts[i], t.price[i], t.size[i],
+                     unsigned{t.symbol[i]});
+    if (std::fflush(f.get()) != 0) {
+        error = "cannot write " + path;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace tape

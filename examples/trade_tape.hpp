@@ -1,0 +1,29 @@
+// A trade tape: time stamps, prices, sizes and symbols as columns, either
+// generated (deterministically from a seed) or loaded from CSV.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tape {
+
+struct Tape {
+    std::vector<uint64_t> ts;      // datetime: microseconds since the epoch, increasing
+    std::vector<double> price;     // a random walk
+    std::vector<int32_t> size;     // heavy-tailed
+    std::vector<uint16_t> symbol;  // skewed towards low ids
+    size_t rows() const { return ts.size(); }
+};
+
+// `rows` trades from one session starting at 2026-11-23 09:30 UTC.
+Tape generate(size_t rows, uint64_t seed);
+
+// Loads "ts,price,size,symbol" CSV. On failure returns false with a message
+// naming the file or the line. Reports progress on stderr for slow loads.
+bool load_csv(const std::string &path, Tape &out, std::string &error);
+
+// Writes the same CSV format.
+bool write_csv(const std::string &path, const Tape &t, std::string &error);
+
+}  // namespace tape
