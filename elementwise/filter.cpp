@@ -1,5 +1,6 @@
 // Filters (values whose condition holds), position lists (filter_pos,
 // filter_search, filter_first_pos) and the positional gather map.
+#include "frame/bits.hpp"
 #include "frame/construct.hpp"
 
 #include <algorithm>
@@ -31,6 +32,40 @@ Refill refill(Iter *in, uint64_t &cursor, unsigned gathered, int &status) {
 
 // ---- filter -------------------------------------------------------------------
 
+// Appends the picked elements among values[v0, v0 + used) after slot k, with
+// their null bits; returns the new count. Dense picks take a branch-free
+// pass over every element, sparse ones visit only the set bits.
+template <class E, bool Nulls>
+unsigned gather(Iter *it, unsigned k, const Iter *values, unsigned v0, Mask pick, unsigned used) {
+    const unsigned kept = bit_count(pick);
+    if (kept == used) {  // everything: one block
+        const size_t w = it->elem_size;
+        std::memcpy(tile<char>(it) + k * w, tile<char>(values) + v0 * w, used * w);
+        if constexpr (Nulls) qmo_seq_copy_bitmap(it->null_bitmap, k, values->null_bitmap, v0, used);
+        return k + used;
+    }
+    if (kept * 4 < used) {
+        for (; pick; pick &= pick - 1, ++k) {
+            const unsigned j = v0 + lowest_bit(pick);
+            copy_elem<E>(it, k, values, j);
+            if constexpr (Nulls) put_null_bit(it, k, is_null(values, j));
+        }
+        return k;
+    }
+    // Every element is written; only kept ones advance k. The last element
+    // written is a kept one, so nothing lands beyond the final count.
+    for (unsigned base = 0; base < used; base += 64) {
+        const auto bits = static_cast<uint64_t>(pick >> base);
+        const unsigned end = std::min(used, base + 64);
+        for (unsigned j = base; j < end; ++j) {
+            copy_elem<E>(it, k, values, v0 + j);
+            if constexpr (Nulls) put_null_bit(it, k, is_null(values, v0 + j));
+            k += (bits >> (j - base)) & 1;
+        }
+    }
+    return k;
+}
+
 template <class E>
 int filter_next(Iter *it) {
     Iter *cond = it->operand1, *values = it->operand2;
@@ -46,27 +81,21 @@ int filter_next(Iter *it) {
         // Deliberate: every pass clears the bitmap, so null bits gathered in an
         // earlier pass of this output tile are lost.
         clear_nulls(it);
-        const unsigned m = std::min(cond->tile_count - static_cast<unsigned>(cc),
-                                    values->tile_count - static_cast<unsigned>(vc));
-        // At most 128 - k pairs per step, so k never passes 128; every pair is
-        // written and only kept ones advance k (no branch per element).
-        for (unsigned done = 0; done < m;) {
-            const unsigned step = std::min(m - done, kTile - k);
-            const unsigned c0 = static_cast<unsigned>(cc) + done, v0 = static_cast<unsigned>(vc) + done;
-            for (unsigned j = 0; j < step; ++j) {
-                copy_elem<E>(it, k, values, v0 + j);
-                put_null_bit(it, k, is_null(values, v0 + j));
-                k += is_true(cond, c0 + j);
-            }
-            done += step;
-            if (k == kTile) {
-                cc += done;
-                vc += done;
-                return deliver(it, k);
-            }
+        const auto c0 = static_cast<unsigned>(cc), v0 = static_cast<unsigned>(vc);
+        unsigned used = std::min(cond->tile_count - c0, values->tile_count - v0);
+        Mask pick = (true_mask(cond) >> c0) & low_bits(used);
+        const unsigned room = kTile - k;
+        if (bit_count(pick) >= room) {  // the tile fills: stop after the room-th pick
+            Mask last = pick;
+            for (unsigned r = 1; r < room; ++r) last &= last - 1;
+            used = lowest_bit(last) + 1;
+            pick &= low_bits(used);
         }
-        cc += m;
-        vc += m;
+        k = has_nulls(values) ? gather<E, true>(it, k, values, v0, pick, used)
+                              : gather<E, false>(it, k, values, v0, pick, used);
+        cc += used;
+        vc += used;
+        if (k == kTile) return deliver(it, k);
     }
 }
 
@@ -83,11 +112,12 @@ int filter_pos_next(Iter *it) {
         const Refill r = refill(cond, cursor, k, status);
         if (r == Refill::Deliver) return deliver(it, k);
         if (r == Refill::Fail) return status;
-        const unsigned s = static_cast<unsigned>(cursor), end = cond->tile_count;
         // Positions count every condition element, true or not.
-        for (unsigned j = s; j < end; ++j) {
-            out[k] = counter + (j - s);
-            k += is_true(cond, j);
+        const auto s = static_cast<unsigned>(cursor);
+        const unsigned end = cond->tile_count;
+        for (Mask pick = true_mask(cond) >> s; pick; pick &= pick - 1) {
+            const unsigned j = s + lowest_bit(pick);
+            out[k++] = counter + (j - s);
             if (k == kTile) {
                 cursor = j + 1;
                 counter += j + 1 - s;
