@@ -1,5 +1,6 @@
 // Filters (values whose condition holds), position lists (filter_pos,
 // filter_search, filter_first_pos) and the positional gather map.
+#include "elementwise/compress.hpp"
 #include "frame/bits.hpp"
 #include "frame/construct.hpp"
 
@@ -37,14 +38,17 @@ Refill refill(Iter *in, uint64_t &cursor, unsigned gathered, int &status) {
 // pass over every element, sparse ones visit only the set bits.
 template <class E, bool Nulls>
 unsigned gather(Iter *it, unsigned k, const Iter *values, unsigned v0, Mask pick, unsigned used) {
-    const unsigned kept = bit_count(pick);
-    if (kept == used) {  // everything: one block
+    if (pick == low_bits(used)) {  // everything: one block
         const size_t w = it->elem_size;
         std::memcpy(tile<char>(it) + k * w, tile<char>(values) + v0 * w, used * w);
         if constexpr (Nulls) qmo_seq_copy_bitmap(it->null_bitmap, k, values->null_bitmap, v0, used);
         return k + used;
     }
-    if (kept * 4 < used) {
+    if constexpr (!Nulls && !E::is_char && (sizeof(value_t<E>) == 4 || sizeof(value_t<E>) == 8)) {
+        const CompressFn compress = sizeof(value_t<E>) == 4 ? compress_4byte : compress_8byte;
+        if (compress) return k + compress(tile<value_t<E>>(it) + k, tile<value_t<E>>(values) + v0, pick);
+    }
+    if (bit_count(pick) * 4 < used) {
         for (; pick; pick &= pick - 1, ++k) {
             const unsigned j = v0 + lowest_bit(pick);
             copy_elem<E>(it, k, values, j);
@@ -85,10 +89,8 @@ int filter_next(Iter *it) {
         unsigned used = std::min(cond->tile_count - c0, values->tile_count - v0);
         Mask pick = (true_mask(cond) >> c0) & low_bits(used);
         const unsigned room = kTile - k;
-        if (bit_count(pick) >= room) {  // the tile fills: stop after the room-th pick
-            Mask last = pick;
-            for (unsigned r = 1; r < room; ++r) last &= last - 1;
-            used = lowest_bit(last) + 1;
+        if (used > room && bit_count(pick) >= room) {  // the tile fills: stop after the room-th pick
+            used = select_bit(pick, room - 1) + 1;
             pick &= low_bits(used);
         }
         k = has_nulls(values) ? gather<E, true>(it, k, values, v0, pick, used)

@@ -24,6 +24,27 @@ inline unsigned bit_count(Mask m) noexcept {
     return std::popcount(static_cast<uint64_t>(m)) + std::popcount(static_cast<uint64_t>(m >> 64));
 }
 
+// Index of the set bit that has r set bits below it (r < bit_count(m)).
+inline unsigned select_bit(Mask m, unsigned r) noexcept {
+    auto word = static_cast<uint64_t>(m);
+    unsigned base = 0;
+    if (const auto low = static_cast<unsigned>(std::popcount(word)); r >= low) {
+        r -= low;
+        word = static_cast<uint64_t>(m >> 64);
+        base = 64;
+    }
+    for (unsigned step = 32; step >= 8; step /= 2) {
+        const auto below = static_cast<unsigned>(std::popcount(word & ((uint64_t{1} << step) - 1)));
+        if (r >= below) {
+            r -= below;
+            word >>= step;
+            base += step;
+        }
+    }
+    for (;; word >>= 1, ++base)
+        if ((word & 1) && r-- == 0) return base;
+}
+
 // Bit i set where byte i of the tile is non-zero, for all 128 slots.
 inline Mask nonzero_mask(const uint8_t *bytes) noexcept {
 #if defined(__SSE2__)
