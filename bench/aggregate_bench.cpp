@@ -8,33 +8,13 @@
 
 namespace {
 
-constexpr size_t kCacheRows = 16 * 1024;
+using bench::Api;
+using bench::kCacheRows;
 
 template <class T>
 const std::vector<T> &column() {
-    static const std::vector<T> data = bench::random_column<T>(bench::kRows, 11);
-    return data;
+    return bench::column<T>(11);
 }
-
-// Per-type entry points, so one benchmark body serves both types.
-template <class T>
-struct Fns;
-template <>
-struct Fns<int32_t> {
-    static constexpr auto unget = qmo_seq_unget_int4;
-    static constexpr auto sum = qmo_seq_agg_sum_int4;
-    static constexpr auto avg = qmo_seq_agg_avg_int4;
-    static constexpr auto var = qmo_seq_agg_var_int4;
-    using sum_t = int64_t;
-};
-template <>
-struct Fns<double> {
-    static constexpr auto unget = qmo_seq_unget_double;
-    static constexpr auto sum = qmo_seq_agg_sum_double;
-    static constexpr auto avg = qmo_seq_agg_avg_double;
-    static constexpr auto var = qmo_seq_agg_var_double;
-    using sum_t = double;
-};
 
 using Make = int (*)(qmo_seq_iterator_t *, qmo_seq_iterator_t *);
 
@@ -45,7 +25,7 @@ void aggregate_library(benchmark::State &state) {
     const size_t rows = static_cast<size_t>(state.range(0));
     for (auto _ : state) {
         qmo_seq_iterator_t src, agg;
-        Fns<T>::unget(&src, d.data(), rows);
+        Api<T>::unget(&src, d.data(), rows);
         make(&agg, &src);
         agg.next(&agg);
         benchmark::DoNotOptimize(agg.values.u8[0]);
@@ -58,7 +38,7 @@ void sum_loop(benchmark::State &state) {
     const auto &d = column<T>();
     const size_t rows = static_cast<size_t>(state.range(0));
     for (auto _ : state) {
-        typename Fns<T>::sum_t s = 0;
+        bench::sum_t<T> s = 0;
         for (size_t i = 0; i < rows; ++i) s += d[i];
         benchmark::DoNotOptimize(s);
     }
@@ -97,8 +77,7 @@ void var_loop(benchmark::State &state) {
 }
 
 const std::vector<int64_t> &keys() {
-    static const std::vector<int64_t> data = bench::random_column<int64_t>(bench::kRows, 12, -1e9, 1e9);
-    return data;
+    return bench::column<int64_t>(12, -1e9, 1e9);
 }
 
 void approxdc_library(benchmark::State &state) {
@@ -132,10 +111,10 @@ void approxdc_loop(benchmark::State &state) {
     BENCHMARK(library)->Name(name "/library")->Arg(bench::kRows)->Arg(kCacheRows);             \
     BENCHMARK(loop)->Name(name "/loop")->Arg(bench::kRows)->Arg(kCacheRows);
 
-QMO_BENCH_PAIR("sum_int4", (aggregate_library<int32_t, Fns<int32_t>::sum>), sum_loop<int32_t>)
-QMO_BENCH_PAIR("sum_double", (aggregate_library<double, Fns<double>::sum>), sum_loop<double>)
-QMO_BENCH_PAIR("avg_int4", (aggregate_library<int32_t, Fns<int32_t>::avg>), avg_loop<int32_t>)
-QMO_BENCH_PAIR("avg_double", (aggregate_library<double, Fns<double>::avg>), avg_loop<double>)
-QMO_BENCH_PAIR("var_int4", (aggregate_library<int32_t, Fns<int32_t>::var>), var_loop<int32_t>)
-QMO_BENCH_PAIR("var_double", (aggregate_library<double, Fns<double>::var>), var_loop<double>)
+QMO_BENCH_PAIR("sum_int4", (aggregate_library<int32_t, Api<int32_t>::sum>), sum_loop<int32_t>)
+QMO_BENCH_PAIR("sum_double", (aggregate_library<double, Api<double>::sum>), sum_loop<double>)
+QMO_BENCH_PAIR("avg_int4", (aggregate_library<int32_t, Api<int32_t>::avg>), avg_loop<int32_t>)
+QMO_BENCH_PAIR("avg_double", (aggregate_library<double, Api<double>::avg>), avg_loop<double>)
+QMO_BENCH_PAIR("var_int4", (aggregate_library<int32_t, Api<int32_t>::var>), var_loop<int32_t>)
+QMO_BENCH_PAIR("var_double", (aggregate_library<double, Api<double>::var>), var_loop<double>)
 QMO_BENCH_PAIR("approxdc_int8", approxdc_library, approxdc_loop)

@@ -6,11 +6,14 @@
 
 namespace {
 
+using bench::Api;
+using bench::kCacheRows;
+
 template <class T>
 struct Columns {
-    std::vector<T> a = bench::random_column<T>(bench::kRows, 1);
-    std::vector<T> b = bench::random_column<T>(bench::kRows, 2);
-    std::vector<T> c = bench::random_column<T>(bench::kRows, 3);
+    const std::vector<T> &a = bench::column<T>(1);
+    const std::vector<T> &b = bench::column<T>(2);
+    const std::vector<T> &c = bench::column<T>(3);
 };
 
 template <class T>
@@ -19,26 +22,6 @@ const Columns<T> &columns() {
     return data;
 }
 
-constexpr size_t kCacheRows = 16 * 1024;
-
-// Per-type entry points, so one benchmark body serves both types.
-template <class T>
-struct Fns;
-template <>
-struct Fns<int32_t> {
-    static constexpr auto unget = qmo_seq_unget_int4;
-    static constexpr auto add = qmo_seq_add_int4;
-    static constexpr auto gt = qmo_seq_gt_int4;
-    static constexpr auto get = qmo_seq_get_int4;
-};
-template <>
-struct Fns<double> {
-    static constexpr auto unget = qmo_seq_unget_double;
-    static constexpr auto add = qmo_seq_add_double;
-    static constexpr auto gt = qmo_seq_gt_double;
-    static constexpr auto get = qmo_seq_get_double;
-};
-
 template <class T>
 void add_library(benchmark::State &state) {
     const auto &d = columns<T>();
@@ -46,11 +29,11 @@ void add_library(benchmark::State &state) {
     std::vector<T> out(rows);
     for (auto _ : state) {
         qmo_seq_iterator_t a, b, sum;
-        Fns<T>::unget(&a, d.a.data(), rows);
-        Fns<T>::unget(&b, d.b.data(), rows);
-        Fns<T>::add(&sum, &a, &b);
+        Api<T>::unget(&a, d.a.data(), rows);
+        Api<T>::unget(&b, d.b.data(), rows);
+        Api<T>::add(&sum, &a, &b);
         uint64_t count = out.size();
-        Fns<T>::get(&sum, out.data(), &count);
+        Api<T>::get(&sum, out.data(), &count);
         benchmark::DoNotOptimize(out.data());
     }
     bench::per_element(state, rows);
@@ -75,11 +58,11 @@ void add_gt_library(benchmark::State &state) {
     std::vector<uint8_t> out(rows);
     for (auto _ : state) {
         qmo_seq_iterator_t a, b, c, sum, gt;
-        Fns<T>::unget(&a, d.a.data(), rows);
-        Fns<T>::unget(&b, d.b.data(), rows);
-        Fns<T>::unget(&c, d.c.data(), rows);
-        Fns<T>::add(&sum, &a, &b);
-        Fns<T>::gt(&gt, &sum, &c);
+        Api<T>::unget(&a, d.a.data(), rows);
+        Api<T>::unget(&b, d.b.data(), rows);
+        Api<T>::unget(&c, d.c.data(), rows);
+        Api<T>::add(&sum, &a, &b);
+        Api<T>::gt(&gt, &sum, &c);
         uint64_t count = out.size();
         qmo_seq_get_uint1(&gt, out.data(), &count);
         benchmark::DoNotOptimize(out.data());

@@ -5,32 +5,12 @@
 namespace {
 
 // Values uniform in [0, 100): "x < s" keeps about s percent of them.
-template <class T>
-const std::vector<T> &column() {
-    static const std::vector<T> data = bench::random_column<T>(bench::kRows, 21, 0, 100);
-    return data;
-}
+using bench::Api;
 
 template <class T>
-struct Fns;
-template <>
-struct Fns<int32_t> {
-    static constexpr auto unget = qmo_seq_unget_int4;
-    static constexpr auto constant = qmo_seq_const_int4;
-    static constexpr auto lt = qmo_seq_lt_int4;
-    static constexpr auto filter = qmo_seq_filter_int4;
-    static constexpr auto get = qmo_seq_get_int4;
-    static constexpr auto sum = qmo_seq_agg_sum_int4;
-};
-template <>
-struct Fns<double> {
-    static constexpr auto unget = qmo_seq_unget_double;
-    static constexpr auto constant = qmo_seq_const_double;
-    static constexpr auto lt = qmo_seq_lt_double;
-    static constexpr auto filter = qmo_seq_filter_double;
-    static constexpr auto get = qmo_seq_get_double;
-    static constexpr auto sum = qmo_seq_agg_sum_double;
-};
+const std::vector<T> &column() {
+    return bench::column<T>(21, 0, 100);
+}
 
 // column < percent, filtered, drained into an array.
 template <class T>
@@ -40,13 +20,13 @@ void filter_library(benchmark::State &state) {
     std::vector<T> out(in.size());
     for (auto _ : state) {
         qmo_seq_iterator_t a, b, k, cond, kept;
-        Fns<T>::unget(&a, in.data(), in.size());
-        Fns<T>::unget(&b, in.data(), in.size());
-        Fns<T>::constant(&k, percent);
-        Fns<T>::lt(&cond, &a, &k);
-        Fns<T>::filter(&kept, &cond, &b);
+        Api<T>::unget(&a, in.data(), in.size());
+        Api<T>::unget(&b, in.data(), in.size());
+        Api<T>::constant(&k, percent);
+        Api<T>::lt(&cond, &a, &k);
+        Api<T>::filter(&kept, &cond, &b);
         uint64_t count = out.size();
-        Fns<T>::get(&kept, out.data(), &count);
+        Api<T>::get(&kept, out.data(), &count);
         benchmark::DoNotOptimize(out.data());
     }
     bench::per_element(state, in.size());
@@ -75,12 +55,12 @@ void typical_library(benchmark::State &state) {
     const auto &in = column<T>();
     for (auto _ : state) {
         qmo_seq_iterator_t a, b, k, cond, kept, sum;
-        Fns<T>::unget(&a, in.data(), in.size());
-        Fns<T>::unget(&b, in.data(), in.size());
-        Fns<T>::constant(&k, T{50});
-        Fns<T>::lt(&cond, &a, &k);
-        Fns<T>::filter(&kept, &cond, &b);
-        Fns<T>::sum(&sum, &kept);
+        Api<T>::unget(&a, in.data(), in.size());
+        Api<T>::unget(&b, in.data(), in.size());
+        Api<T>::constant(&k, T{50});
+        Api<T>::lt(&cond, &a, &k);
+        Api<T>::filter(&kept, &cond, &b);
+        Api<T>::sum(&sum, &kept);
         sum.next(&sum);
         benchmark::DoNotOptimize(sum.values.u8[0]);
     }
@@ -91,7 +71,7 @@ template <class T>
 void typical_loop(benchmark::State &state) {
     const auto &in = column<T>();
     for (auto _ : state) {
-        std::conditional_t<std::is_integral_v<T>, int64_t, double> sum = 0;
+        bench::sum_t<T> sum = 0;
         for (T x : in)
             if (x < T{50}) sum += x;
         benchmark::DoNotOptimize(sum);

@@ -4,25 +4,12 @@
 
 namespace {
 
-template <class T>
-const std::vector<T> &column() {
-    static const std::vector<T> data = bench::random_column<T>(bench::kRows, 11);
-    return data;
-}
+using bench::Api;
 
 template <class T>
-struct Fns;
-template <>
-struct Fns<int32_t> {
-    static constexpr auto unget = qmo_seq_unget_int4;
-    static constexpr auto get = qmo_seq_get_int4;
-};
-template <>
-struct Fns<double> {
-    static constexpr auto unget = qmo_seq_unget_double;
-    static constexpr auto get = qmo_seq_get_double;
-    static constexpr auto skip_nan = qmo_seq_skip_nan_double;
-};
+const std::vector<T> &column() {
+    return bench::column<T>(11);
+}
 
 enum class Shape { Direct, Limit, SkipNaN };
 
@@ -32,16 +19,16 @@ void library(benchmark::State &state) {
     std::vector<T> out(in.size());
     for (auto _ : state) {
         qmo_seq_iterator_t src, shaped, *root = &src;
-        Fns<T>::unget(&src, in.data(), in.size());
+        Api<T>::unget(&src, in.data(), in.size());
         if constexpr (S == Shape::Limit) {
             qmo_seq_limit(&shaped, &src, 0, in.size() - 1);
             root = &shaped;
         } else if constexpr (S == Shape::SkipNaN) {
-            Fns<T>::skip_nan(&shaped, &src);
+            qmo_seq_skip_nan_double(&shaped, &src);
             root = &shaped;
         }
         uint64_t count = out.size();
-        Fns<T>::get(root, out.data(), &count);
+        Api<T>::get(root, out.data(), &count);
         benchmark::DoNotOptimize(out.data());
     }
     bench::per_element(state, in.size());
