@@ -5,6 +5,7 @@
 // the depth budget is spent, and the linear answers for sorted input.
 #include "aggregate/sort.hpp"
 #include "frame/construct.hpp"
+#include "frame/readers.hpp"
 
 #include <algorithm>
 #include <bit>
@@ -294,9 +295,6 @@ int sort(const value_t<E> *values, uint64_t *perm, uint64_t n, int order) {
 // State words: 1 the permutation, 2 the null bitmap the iterator took (null
 // when it holds none), 3 the element count n.
 
-template <class E>
-using GetNullable = int (*)(Iter *, value_t<E> *, uint64_t *, uint64_t *);
-
 inline const uint64_t *permutation_of(const Iter *it) {
     return reinterpret_cast<const uint64_t *>(static_cast<uintptr_t>(it->state[0]));
 }
@@ -317,7 +315,7 @@ void release(Iter *it) {
 
 // Reads the whole input into a buffer and bitmap of its own.
 template <class E>
-int materialise(Iter *it, GetNullable<E> get) {
+int materialise(Iter *it) {
     const uint64_t n = it->state[2];
     if (!qmo_seq_alloc_buffer(it, n * it->elem_size)) return QMO_SEQ_NO_MEMORY;
     auto *nulls = static_cast<uint64_t *>(qmo_seq_malloc(it, bitmap_bytes(n)));
@@ -327,14 +325,8 @@ int materialise(Iter *it, GetNullable<E> get) {
     }
     it->state[1] = reinterpret_cast<uintptr_t>(nulls);
     it->reset = qmo_seq_order_by_reset;
-    // The input is bound to this record; the reader's binding test guards
-    // against other consumers, not against its own operator.
-    Iter *input = it->operand1;
-    const uint8_t bound = input->bound;
-    input->bound = 0;
     uint64_t got = n;
-    const int rc = get(input, static_cast<value_t<E> *>(it->buf), &got, nulls);
-    input->bound = bound;
+    const int rc = read_nullable(it->operand1, it->buf, it->elem_size, &got, nulls);
     if (rc) {
         release(it);
         return rc;
@@ -347,10 +339,10 @@ int materialise(Iter *it, GetNullable<E> get) {
 }
 
 template <class E>
-int order_by_next(Iter *it, GetNullable<E> get) {
+int order_by_next(Iter *it) {
     if (it->pos >= it->state[2]) return QMO_SEQ_END;
     if (!it->buf)
-        if (int rc = materialise<E>(it, get)) return rc;
+        if (int rc = materialise<E>(it)) return rc;
     if (it->pos >= it->state[2]) return QMO_SEQ_END;
     const unsigned count = static_cast<unsigned>(std::min<uint64_t>(kTile, it->state[2] - it->pos));
     const uint64_t *p = permutation_of(it) + it->pos;
@@ -406,7 +398,7 @@ QMO_EXPORT int qmo_seq_order_by_reset(qmo_seq_iterator_t *it) {
         return qmo::sort<qmo::Elem<code>>(values, permutation, n, order);                         \
     }                                                                                             \
     QMO_EXPORT int qmo_seq_order_by_##t##_next(qmo_seq_iterator_t *it) {                          \
-        return qmo::order_by_next<qmo::Elem<code>>(it, qmo_seq_get_nullable_##t);                 \
+        return qmo::order_by_next<qmo::Elem<code>>(it);                 \
     }                                                                                             \
     QMO_EXPORT int qmo_seq_order_by_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,    \
                                         const uint64_t *permutation, uint64_t n,                  \

@@ -1,6 +1,6 @@
 // Element readers: how a consumer drains a sequence one element or one
 // array at a time, through the record's read cursor.
-#include "frame/record.hpp"
+#include "frame/readers.hpp"
 
 #include <algorithm>
 
@@ -72,11 +72,16 @@ int read_many(Iter *it, value_t<E> *array, uint64_t *count) {
 template <class E>
 int read_many_nullable(Iter *it, value_t<E> *array, uint64_t *count, uint64_t *nulls) {
     if (int rc = check_readable(it, E::code)) return rc;
+    return read_nullable(it, array, elem_width<E>(it), count, nulls);
+}
+
+}  // namespace
+
+int read_nullable(Iter *it, void *values, unsigned width, uint64_t *count, uint64_t *nulls) {
     const uint64_t room = *count;
     qmo_memnull(nulls, (room + 63) / 64 * sizeof(uint64_t));
     if (room == 0) return QMO_SEQ_OK;
-    const unsigned width = elem_width<E>(it);
-    char *out = reinterpret_cast<char *>(array);
+    char *out = static_cast<char *>(values);
     uint64_t stored = 0;
     while (stored < room) {
         if (it->cursor >= it->tile_count) {
@@ -96,7 +101,6 @@ int read_many_nullable(Iter *it, value_t<E> *array, uint64_t *count, uint64_t *n
     return QMO_SEQ_OK;
 }
 
-}  // namespace
 }  // namespace qmo
 
 #define QMO_DEFINE_READERS_(a, t, ctype, code)                                            \
