@@ -13,6 +13,11 @@
 #define REF_ALL_(op) QMO_SEQ_ALL_TYPES(REF_OP_, op)
 #define REF_MERGE_(op, t, ctype, code) REF_OP_(op, t, ctype, code) (void (*)(void)) qmo_seq_##op##_##t##_merge,
 #define REF_MERGEABLE_(op) QMO_SEQ_NUMERIC_TYPES(REF_MERGE_, op)
+#define REF_HASH_(name) (void (*)(void)) qmo_seq_hash_agg_##name, (void (*)(void)) qmo_seq_hash_initialize_##name, \
+    (void (*)(void)) qmo_seq_hash_merge_##name, (void (*)(void)) qmo_seq_hash_agg_##name##_next_grp, \
+    (void (*)(void)) qmo_seq_hash_agg_##name##_next_agg,
+#define REF_HASH_TYPED_(op, t, ctype, code) REF_HASH_(op##_##t)
+#define REF_HASH_OP_(op) QMO_SEQ_NUMERIC_TYPES(REF_HASH_TYPED_, op)
 
 static void (*const exported[])(void) = {
     QMO_SEQ_ALL_TYPES(REF_, )
@@ -43,6 +48,13 @@ static void (*const exported[])(void) = {
     (void (*)(void)) qmo_seq_agg_approxdc_hash, (void (*)(void)) qmo_seq_agg_approxdc_hash_next,
     (void (*)(void)) qmo_seq_prepare_aggregate, (void (*)(void)) qmo_seq_hash_agg_reset,
     (void (*)(void)) qmo_seq_is_hash_aggreate,
+    QMO_SEQ_HASH_AGGREGATE_OPS(REF_HASH_OP_)
+    REF_HASH_(count_uint8) REF_HASH_(approxdc)
+    (void (*)(void)) qmo_seq_hash_agg_count, (void (*)(void)) qmo_seq_hash_agg_dup_count,
+    (void (*)(void)) qmo_seq_hash_agg_distinct_count, (void (*)(void)) qmo_seq_dup_hash_prepare,
+    (void (*)(void)) qmo_seq_dup_hash_merge, (void (*)(void)) qmo_seq_dup_hash_next_count,
+    (void (*)(void)) qmo_seq_dup_hash_next_grp, (void (*)(void)) qmo_seq_release_hash,
+    (void (*)(void)) qmo_seq_free_hash, (void (*)(void)) qmo_seq_hash, (void (*)(void)) qmo_seq_hash_next,
 };
 
 int main(void) {
@@ -52,6 +64,7 @@ int main(void) {
     for (i = 0; i < sizeof exported / sizeof exported[0]; ++i)
         if (!exported[i]) return 1;
     if (!qmo_seq_malloc || !qmo_seq_free) return 1;
+    if (qmo_seq_hash_table_init_size != 1361 || qmo_seq_hash_table_load_factor != 1.0) return 1;
     qmo_seq_const_int4(&a, 2);
     qmo_seq_const_int4(&b, 3);
     qmo_seq_const_int4(&c, 4);
