@@ -756,13 +756,17 @@ QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
  * groups in bucket order, each bucket's groups in ascending order of the key
  * bytes read as a zero-extended little-endian word, compared by signed
  * 64-bit difference (memcmp for keys longer than 8 bytes) - not in order of
- * arrival and not in typed key order. init_size is the requested bucket
+ * arrival and not in typed key order. Deliberately so: for 8-byte keys whose
+ * words lie 2^63 or more apart the difference wraps, and one key can then
+ * form two groups (negative and positive doubles in one bucket, for
+ * example). init_size is the requested bucket
  * count (0: qmo_seq_hash_table_init_size), rounded up to an even-indexed
  * prime of qmo_int_get_prime_number; the table grows, to the next prime,
  * when its entries reach bucket count x qmo_seq_hash_table_load_factor - 1.
  * Memory is taken through qmo_seq_malloc in blocks of 40,968 bytes (1,024
- * groups, or packed keys longer than 8 bytes); nothing is taken while the
- * outputs are pulled.
+ * groups, or packed keys longer than 8 bytes); once built, the outputs are
+ * pulled without taking any. A build that runs out of memory publishes
+ * nothing; the next pull builds anew from where the operands stand.
  *
  * Partitioned evaluation: agg's prepare slot holds the build
  * (qmo_seq_hash_initialize_<op>_<t>) and its merge slot the merge
