@@ -27,15 +27,38 @@ struct Entry {
 };
 static_assert(sizeof(Entry) * kBlockEntries == kBlockBytes, "entry blocks are filled exactly");
 
-// One built table. Storage blocks are 8 + kBlockBytes bytes: a link to the
-// next (older) block, then the payload; head is the newest, tail the first.
-struct Table {
+// One (group key, value) pair of a duplicate count: the group's key word, the
+// value's word (bytes zero-extended, or a pointer when longer than 8), the
+// chain link, how often the pair occurred, and both hashes.
+struct DupEntry {
+    uint64_t key;
+    uint64_t value;
+    DupEntry *next;
+    uint64_t occurrences;
+    uint32_t group_hash;
+    uint32_t pair_hash;
+};
+static_assert(sizeof(DupEntry) * kBlockEntries == kBlockBytes, "pair blocks are filled exactly");
+
+// Storage block: a link to the next (older) block, then the payload of
+// entries or of packed key bytes.
+struct Block {
+    Block *next;
+    unsigned char payload[kBlockBytes];
+};
+static_assert(sizeof(Block) == 8 + kBlockBytes);
+
+// One built table; head is the newest block, tail the first.
+template <class E>
+struct TableOf {
     uint64_t bucket_count;  // a prime from qmo_int_get_prime_number
     uint64_t entry_count;   // distinct keys, written when the build ends
-    void *head;
-    void *tail;
-    Entry **buckets;        // bucket_count chains, each in ascending key order
+    Block *head;
+    Block *tail;
+    E **buckets;            // bucket_count chains (group chains in ascending key order)
 };
+using Table = TableOf<Entry>;
+using PairTable = TableOf<DupEntry>;
 static_assert(sizeof(Table) == 5 * sizeof(uint64_t));
 
 // Allocated by the constructor and shared by both outputs.
@@ -53,6 +76,10 @@ enum Param : unsigned {
     kCursorEntry = 2,   // next entry to emit, null when a new bucket must be sought
     kShared = 3,        // the Shared record
     kBuiltTable = 4,    // the table this output built (read by the merge)
+    // Duplicate counts only:
+    kPairBucketCount = 5,
+    kDupMinimum = 6,    // n: a value counts once it occurred n times in its group
+    kPairTable = 7,     // the pair table of this output's build, until it is dropped
 };
 
 inline Shared *shared_of(const Iter *it) noexcept {

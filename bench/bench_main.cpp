@@ -1,5 +1,6 @@
 // Runs the benchmarks, then prints library/loop time ratios per case: each
-// case is registered as "<case>/library" and "<case>/loop" (plus arguments).
+// case is registered as "<case>/library" and "<case>/loop" (plus arguments),
+// and may add a second baseline, "<case>/open_addressing_loop".
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -18,7 +19,7 @@ public:
             if (!median && run.run_type != Run::RT_Iteration) continue;
             // "<case>/<side>[/<args>]": the side is dropped from the case's key.
             const std::string name = run.run_name.str();
-            for (const char *side : {"library", "loop"}) {
+            for (const char *side : {"library", "loop", "open_addressing_loop"}) {
                 const std::string tag = std::string("/") + side;
                 const size_t at = name.find(tag);
                 if (at == std::string::npos) continue;
@@ -30,11 +31,13 @@ public:
     }
     void Finalize() override {
         ConsoleReporter::Finalize();
-        std::printf("\n%-40s %12s\n", "case", "library/loop");
+        std::printf("\n%-40s %12s %24s\n", "case", "library/loop", "library/open_addressing");
         for (const auto &[name, sides] : times_) {
-            const auto lib = sides.find("library"), loop = sides.find("loop");
+            const auto lib = sides.find("library"), loop = sides.find("loop"), open = sides.find("open_addressing_loop");
             if (lib == sides.end() || loop == sides.end()) continue;
-            std::printf("%-40s %12.2f\n", name.c_str(), lib->second / loop->second);
+            std::printf("%-40s %12.2f", name.c_str(), lib->second / loop->second);
+            if (open != sides.end()) std::printf(" %24.2f", lib->second / open->second);
+            std::printf("\n");
         }
     }
 

@@ -724,10 +724,127 @@ QMO_SEQ_API int qmo_seq_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
  */
 QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
 
+/* ------------------------------------------------------------------------
+ * Hash aggregates: group-by over keys in any order of arrival. A constructor
+ * fills two outputs that advance together, the distinct keys (grp: the keys'
+ * type and width) and one aggregate per key (agg):
+ *
+ *   qmo_seq_hash_agg_<op>_<t>(agg, grp, values, keys, init_size)
+ *     max min   -> t                   (a group takes its first value, then
+ *                                       larger / smaller ones)
+ *     sum       int1..int8 -> int8, uint1..uint8 -> uint8 (64-bit, wrapping),
+ *               float, double -> double, datetime -> datetime
+ *     avg       -> double (sum in double); datetime -> datetime (unsigned
+ *               integer quotient of the sum by the count)
+ *   qmo_seq_hash_agg_count_uint8(agg, grp, values, keys, init_size) -> uint8:
+ *     non-null values per key; values may be null (then: occurrences of
+ *     the key, as qmo_seq_hash_agg_count)
+ *   qmo_seq_hash_agg_approxdc(agg, grp, values, keys, init_size) -> uint4:
+ *     approximate distinct non-null values per key (values of any type; the
+ *     sketch of qmo_seq_agg_approxdc per group)
+ *
+ * Keys may be of any type and width, char included; only the values' type
+ * is checked (61). Values are bound before keys and stay bound when the keys
+ * are refused (701). Only count takes an absent values operand (else 62).
+ * A null key drops its element; a null value is skipped, and a group without
+ * values has a null aggregate (approxdc: the estimate of no values, 0).
+ * Keys and values advance together: a values tile of another length, or
+ * values ending first, is 702.
+ *
+ * Whichever output is pulled first builds the table from the whole
+ * sequences (its status, 52 included, is returned); both then deliver the
+ * groups in bucket order, each bucket's groups in ascending order of the key
+ * bytes read as a zero-extended little-endian word, compared by signed
+ * 64-bit difference (memcmp for keys longer than 8 bytes) - not in order of
+ * arrival and not in typed key order. Deliberately so: for 8-byte keys whose
+ * words lie 2^63 or more apart the difference wraps, and one key can then
+ * form two groups (negative and positive doubles in one bucket, for
+ * example). init_size is the requested bucket
+ * count (0: qmo_seq_hash_table_init_size), rounded up to an even-indexed
+ * prime of qmo_int_get_prime_number; the table grows, to the next prime,
+ * when its entries reach bucket count x qmo_seq_hash_table_load_factor - 1.
+ * Memory is taken through qmo_seq_malloc in blocks of 40,968 bytes (1,024
+ * groups, or packed keys longer than 8 bytes); once built, the outputs are
+ * pulled without taking any. A build that runs out of memory publishes
+ * nothing; the next pull builds anew from where the operands stand.
+ *
+ * Partitioned evaluation: agg's prepare slot holds the build
+ * (qmo_seq_hash_initialize_<op>_<t>) and its merge slot the merge
+ * (qmo_seq_hash_merge_<op>_<t>(dst, src)), which moves src's groups and
+ * storage into dst's table and publishes it to dst's outputs; src's table
+ * is gone afterwards.
+ *
+ * Release: qmo_seq_release_hash(either output) frees the table and the
+ * shared record and detaches both outputs; qmo_seq_free_hash does the same,
+ * also clears the output's reset slot, and returns 1 (0 when the output was
+ * already detached).
+ * ---------------------------------------------------------------------- */
+
+/** Bucket count asked for by a constructor given 0 (default 1361). Read at every use. */
+QMO_SEQ_API extern uint64_t qmo_seq_hash_table_init_size;
+/** Entries per bucket before a table grows (default 1.0). Read at every use. */
+QMO_SEQ_API extern double qmo_seq_hash_table_load_factor;
+
+#define QMO_SEQ_HASH_AGGREGATE_OPS(X) X(max) X(min) X(sum) X(avg)
+
+#define QMO_SEQ_DECLARE_HASH_MEMBER_(name)                                                             \
+    QMO_SEQ_API int qmo_seq_hash_agg_##name(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp,          \
+                                            qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys,      \
+                                            uint64_t init_size);                                       \
+    QMO_SEQ_API int qmo_seq_hash_initialize_##name(qmo_seq_iterator_t *it);                            \
+    QMO_SEQ_API int qmo_seq_hash_merge_##name(qmo_seq_iterator_t *dst, qmo_seq_iterator_t *src);       \
+    QMO_SEQ_API int qmo_seq_hash_agg_##name##_next_grp(qmo_seq_iterator_t *it);                        \
+    QMO_SEQ_API int qmo_seq_hash_agg_##name##_next_agg(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_HASH_TYPED_(op, t, ctype, code) QMO_SEQ_DECLARE_HASH_MEMBER_(op##_##t)
+#define QMO_SEQ_DECLARE_HASH_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_HASH_TYPED_, op)
+
+QMO_SEQ_HASH_AGGREGATE_OPS(QMO_SEQ_DECLARE_HASH_OP_)
+QMO_SEQ_DECLARE_HASH_MEMBER_(count_uint8)
+QMO_SEQ_DECLARE_HASH_MEMBER_(approxdc)
+/** Occurrences of each key: qmo_seq_hash_agg_count_uint8 without values. */
+QMO_SEQ_API int qmo_seq_hash_agg_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp, qmo_seq_iterator_t *keys,
+                                       uint64_t init_size);
+
+/**
+ * Per group key, the number of distinct non-null values that occur at least
+ * n times in the group (distinct_count: n = 1). Values and keys of any type;
+ * both are bound. group_size and pair_size size the group table and the
+ * table of (key, value) pairs as init_size does. Deliberately, a build does
+ * not publish its groups: pulled directly, both outputs end at once with
+ * the status the keys ended with (11). The groups are delivered after a
+ * partitioned evaluation: each partition's agg prepared
+ * (qmo_seq_dup_hash_prepare), the others merged into one with
+ * qmo_seq_dup_hash_merge (a value seen in several partitions counts once its
+ * summed occurrences reach n). Aggregates are uint8 and never null.
+ */
+QMO_SEQ_API int qmo_seq_hash_agg_dup_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp,
+                                           qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys,
+                                           uint64_t group_size, uint64_t pair_size, uint64_t n);
+QMO_SEQ_API int qmo_seq_hash_agg_distinct_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp,
+                                                qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys,
+                                                uint64_t group_size, uint64_t pair_size);
+QMO_SEQ_API int qmo_seq_dup_hash_prepare(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_dup_hash_merge(qmo_seq_iterator_t *dst, qmo_seq_iterator_t *src);
+QMO_SEQ_API int qmo_seq_dup_hash_next_count(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_dup_hash_next_grp(qmo_seq_iterator_t *it);
+
 /** Reset of hash aggregate outputs: the cursor goes back to the first bucket; the table is kept. */
 QMO_SEQ_API int qmo_seq_hash_agg_reset(qmo_seq_iterator_t *it);
 /** 1 when the record is a hash aggregate output (its reset is qmo_seq_hash_agg_reset), else 0. */
 QMO_SEQ_API int qmo_seq_is_hash_aggreate(const qmo_seq_iterator_t *it);
+/** Frees the table and the shared record of a hash aggregate; detaches both outputs. Returns 0. */
+QMO_SEQ_API int qmo_seq_release_hash(qmo_seq_iterator_t *it);
+/** As qmo_seq_release_hash, and clears the output's reset slot; 1, or 0 when it was already detached. */
+QMO_SEQ_API int qmo_seq_free_hash(qmo_seq_iterator_t *it);
+
+/**
+ * Element-wise hash, uint4: MurmurHash3 (x86, 32-bit) of each element's
+ * bytes with seed QMO_SEQ_HASH_SEED, or, when seeds (uint4, else 61) is given,
+ * with the seed at the same index; so chaining hashes a compound key. Null
+ * where the input or the seed is null. The input's tile length rules.
+ */
+QMO_SEQ_API int qmo_seq_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, qmo_seq_iterator_t *seeds);
+QMO_SEQ_API int qmo_seq_hash_next(qmo_seq_iterator_t *it);
 
 /* ------------------------------------------------------------------------
  * Sorting into permutations, for every numeric type t:

@@ -109,6 +109,21 @@ struct SortApi;
 QMO_SEQ_NUMERIC_TYPES(TEST_SORT_API_, )
 #undef TEST_SORT_API_
 
+// HashApi<tag>: the hash aggregate constructors over values of one numeric type.
+template <class Tag>
+struct HashApi;
+
+#define TEST_HASH_API_(a, t, ctype, code)                                   \
+    template <>                                                             \
+    struct HashApi<t_##t> {                                                 \
+        static constexpr auto max = qmo_seq_hash_agg_max_##t;               \
+        static constexpr auto min = qmo_seq_hash_agg_min_##t;               \
+        static constexpr auto sum = qmo_seq_hash_agg_sum_##t;               \
+        static constexpr auto avg = qmo_seq_hash_agg_avg_##t;               \
+    };
+QMO_SEQ_NUMERIC_TYPES(TEST_HASH_API_, )
+#undef TEST_HASH_API_
+
 // The eleven numeric tags as gtest types (a dummy first entry eats the comma).
 #define TEST_TAG_LIST_(a, t, ctype, code) , t_##t
 template <class First, class... Rest>
@@ -216,6 +231,22 @@ struct CharSource : Script {
         for (size_t i : null_at) nulls[i] = true;
     }
 };
+
+// Element i of a tile as a double, whatever its numeric type.
+inline double element(const Iter *it, unsigned i) {
+    switch (it->elem_type) {
+    case QMO_SEQ_TYPE_INT1: return it->values.i1[i];
+    case QMO_SEQ_TYPE_INT2: return it->values.i2[i];
+    case QMO_SEQ_TYPE_INT4: return it->values.i4[i];
+    case QMO_SEQ_TYPE_INT8: return static_cast<double>(it->values.i8[i]);
+    case QMO_SEQ_TYPE_UINT1: return it->values.u1[i];
+    case QMO_SEQ_TYPE_UINT2: return it->values.u2[i];
+    case QMO_SEQ_TYPE_UINT4: return it->values.u4[i];
+    case QMO_SEQ_TYPE_FLOAT: return it->values.f4[i];
+    case QMO_SEQ_TYPE_DOUBLE: return it->values.f8[i];
+    default: return static_cast<double>(it->values.u8[i]);  // uint8, datetime
+    }
+}
 
 // ---- draining ---------------------------------------------------------------
 

@@ -18,22 +18,6 @@ using Make2 = int (*)(Iter *, Iter *, Iter *);
 constexpr int kDouble = QMO_SEQ_TYPE_DOUBLE;
 constexpr int kBroken = 4242;
 
-// Element i of a tile as a double, whatever its numeric type.
-double element(const Iter *it, unsigned i) {
-    switch (it->elem_type) {
-    case QMO_SEQ_TYPE_INT1: return it->values.i1[i];
-    case QMO_SEQ_TYPE_INT2: return it->values.i2[i];
-    case QMO_SEQ_TYPE_INT4: return it->values.i4[i];
-    case QMO_SEQ_TYPE_INT8: return static_cast<double>(it->values.i8[i]);
-    case QMO_SEQ_TYPE_UINT1: return it->values.u1[i];
-    case QMO_SEQ_TYPE_UINT2: return it->values.u2[i];
-    case QMO_SEQ_TYPE_UINT4: return it->values.u4[i];
-    case QMO_SEQ_TYPE_FLOAT: return it->values.f4[i];
-    case QMO_SEQ_TYPE_DOUBLE: return it->values.f8[i];
-    default: return static_cast<double>(it->values.u8[i]);  // uint8, datetime
-    }
-}
-
 // The status of the first pull and the elements of its tile, which must be
 // the only one.
 struct Result {
