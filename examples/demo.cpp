@@ -75,11 +75,14 @@ void print_table(const std::vector<Outcome> &outcomes, size_t rows) {
 // then each request's results and best times.
 void print_json(const std::vector<Outcome> &outcomes, const tape::Tape &t, int runs) {
     const requests::TimeRange range = requests::price_range(t);
+    const auto in_range = std::lower_bound(t.ts.begin(), t.ts.end(), range.till) -
+                          std::lower_bound(t.ts.begin(), t.ts.end(), range.from);
     std::printf("{\n  \"rows\": %zu,\n  \"runs\": %d,\n", t.rows(), runs);
     std::printf("  \"params\": {\"large_trade\": %d, \"small_trade\": %d, \"top_symbols\": %u, "
-                "\"price_level\": %.17g, \"range_from_us\": %llu, \"range_till_us\": %llu},\n",
+                "\"price_level\": %.17g, \"range_from_us\": %llu, \"range_till_us\": %llu, \"range_rows\": %lld},\n",
                 requests::kLargeTrade, requests::kSmallTrade, unsigned{requests::kTopSymbols}, requests::kPriceLevel,
-                static_cast<unsigned long long>(range.from), static_cast<unsigned long long>(range.till));
+                static_cast<unsigned long long>(range.from), static_cast<unsigned long long>(range.till),
+                static_cast<long long>(in_range));
     std::printf("  \"requests\": [\n");
     for (size_t i = 0; i < outcomes.size(); ++i) {
         const Outcome &o = outcomes[i];
