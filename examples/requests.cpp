@@ -121,11 +121,15 @@ Moments price_moments_loop(const tape::Tape &t) {
 double price_mean_loop(const tape::Tape &t) { return price_moments_loop(t).mean; }
 double price_dev_loop(const tape::Tape &t) { return price_moments_loop(t).dev; }
 
-// Number of trades meeting a condition: the count of a filtered column.
-template <class Make>
-double count_library(const tape::Tape &t, Make make_condition) {
-    Iter column, threshold, cond, sizes, kept, count;
-    make_condition(&column, &threshold, &cond);
+// Number of trades whose `column` value compares true with `bound`: the
+// count of the size column filtered by the condition.
+template <class T, int (*Unget)(Iter *, const T *, uint64_t), int (*Const)(Iter *, T),
+          int (*Compare)(Iter *, Iter *, Iter *)>
+double count_where(const tape::Tape &t, const std::vector<T> &column, T bound) {
+    Iter values, threshold, cond, sizes, kept, count;
+    Unget(&values, column.data(), column.size());
+    Const(&threshold, bound);
+    check(Compare(&cond, &values, &threshold), "comparison");
     qmo_seq_unget_int4(&sizes, t.size.data(), t.rows());
     check(qmo_seq_filter_int4(&kept, &cond, &sizes), "filter");
     check(qmo_seq_agg_count(&count, &kept), "agg_count");
@@ -133,11 +137,7 @@ double count_library(const tape::Tape &t, Make make_condition) {
 }
 
 double small_trades_library(const tape::Tape &t) {
-    return count_library(t, [&](Iter *src, Iter *k, Iter *cond) {
-        qmo_seq_unget_int4(src, t.size.data(), t.rows());
-        qmo_seq_const_int4(k, kSmallTrade);
-        check(qmo_seq_le_int4(cond, src, k), "le");
-    });
+    return count_where<int32_t, qmo_seq_unget_int4, qmo_seq_const_int4, qmo_seq_le_int4>(t, t.size, kSmallTrade);
 }
 double small_trades_loop(const tape::Tape &t) {
     return static_cast<double>(
@@ -145,11 +145,7 @@ double small_trades_loop(const tape::Tape &t) {
 }
 
 double top_symbols_library(const tape::Tape &t) {
-    return count_library(t, [&](Iter *src, Iter *k, Iter *cond) {
-        qmo_seq_unget_uint2(src, t.symbol.data(), t.rows());
-        qmo_seq_const_uint2(k, kTopSymbols);
-        check(qmo_seq_lt_uint2(cond, src, k), "lt");
-    });
+    return count_where<uint16_t, qmo_seq_unget_uint2, qmo_seq_const_uint2, qmo_seq_lt_uint2>(t, t.symbol, kTopSymbols);
 }
 double top_symbols_loop(const tape::Tape &t) {
     return static_cast<double>(
@@ -157,11 +153,7 @@ double top_symbols_loop(const tape::Tape &t) {
 }
 
 double above_level_library(const tape::Tape &t) {
-    return count_library(t, [&](Iter *src, Iter *k, Iter *cond) {
-        qmo_seq_unget_double(src, t.price.data(), t.rows());
-        qmo_seq_const_double(k, kPriceLevel);
-        check(qmo_seq_gt_double(cond, src, k), "gt");
-    });
+    return count_where<double, qmo_seq_unget_double, qmo_seq_const_double, qmo_seq_gt_double>(t, t.price, kPriceLevel);
 }
 double above_level_loop(const tape::Tape &t) {
     return static_cast<double>(
