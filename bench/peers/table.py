@@ -1,9 +1,11 @@
 """Checks that the library, DuckDB and numpy agree on every request, then
 prints the time per row of each and the peers' ratios to the library.
 
-    /usr/bin/python3 table.py LIBRARY_JSON DUCKDB_JSON NUMPY_JSON
+    /usr/bin/python3 table.py LIBRARY_JSON DUCKDB_JSON NUMPY_JSON [...]
 
-Exits with 1 after printing the values when any two results disagree.
+The files come in rounds of three (library, DuckDB, numpy), each round a
+fresh run of every tool on the same tape; a request's time is its best over
+all rounds. Exits with 1 after printing the values when results disagree.
 """
 import json
 import math
@@ -43,14 +45,37 @@ def agree(a, b, exact, tol):
     return abs(a - b) <= tol * max(abs(a), abs(b))
 
 
-def main():
-    if len(sys.argv) != 4:
-        sys.exit("usage: table.py LIBRARY_JSON DUCKDB_JSON NUMPY_JSON")
+def merged(paths, tool):
+    """One tool's rounds as one document whose times are the best of all."""
     docs = []
-    for path in sys.argv[1:]:
+    for path in paths:
         with open(path) as f:
             docs.append(json.load(f))
-    library, duckdb, numpy = docs
+    first = docs[0]
+    for doc in docs[1:]:
+        if tool == "library":
+            for mine, other in zip(first["requests"], doc["requests"]):
+                if mine["value"] != other["value"]:
+                    sys.exit(f"the library gave {mine['key']} as {mine['value']!r} and {other['value']!r}")
+                mine["seconds"] = min(mine["seconds"], other["seconds"])
+                mine["loop_seconds"] = min(mine["loop_seconds"], other["loop_seconds"])
+        else:
+            for key, mine in first["results"].items():
+                other = doc["results"][key]
+                if mine["value"] != other["value"]:
+                    sys.exit(f"{tool} gave {key} as {mine['value']!r} and {other['value']!r}")
+                mine["seconds"] = min(mine["seconds"], other["seconds"])
+    first["rounds"] = len(docs)
+    return first
+
+
+def main():
+    paths = sys.argv[1:]
+    if not paths or len(paths) % 3:
+        sys.exit("usage: table.py LIBRARY_JSON DUCKDB_JSON NUMPY_JSON [...]")
+    library = merged(paths[0::3], "library")
+    duckdb = merged(paths[1::3], "DuckDB")
+    numpy = merged(paths[2::3], "numpy")
     rows = library["rows"]
     peers = [("DuckDB", duckdb), ("numpy", numpy)]
     for name, doc in peers:
@@ -85,8 +110,9 @@ def main():
     def ns(seconds):
         return seconds * 1e9 / rows if rows else math.nan
 
-    print(f"{rows} rows; {library['runs']} runs, best time; "
-          f"{duckdb['tool']} (1 thread); {numpy['tool']}\n")
+    rounds = library["rounds"]
+    runs = f"best of {library['runs']} runs" + (f" in each of {rounds} rounds" if rounds > 1 else "")
+    print(f"{rows} rows; {runs}; {duckdb['tool']} (1 thread); {numpy['tool']}\n")
     head = ("request", "rows", "library", "loop", "DuckDB", "numpy", "DuckDB/lib", "numpy/lib")
     print(f"{head[0]:<36} {head[1]:>10} {head[2]:>8} {head[3]:>8} {head[4]:>8} {head[5]:>8} {head[6]:>10} {head[7]:>10}")
     print(f"{'':<36} {'':>10} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8}")
