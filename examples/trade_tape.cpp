@@ -1,11 +1,14 @@
 #include "trade_tape.hpp"
 
+#include <bit>
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <random>
 
@@ -132,6 +135,80 @@ bool write_csv(const std::string &path, const Tape &t, std::string &error) {
         return false;
     }
     return true;
+}
+
+namespace {
+
+// The column files, in the order they are written and read.
+template <class T, class F>
+bool for_each_column(T &t, F &&f) {
+    return f(t.ts, "ts.u64") && f(t.price, "price.f64") && f(t.size, "size.i32") && f(t.symbol, "symbol.u16");
+}
+
+// The files are memory images; a big-endian machine would need byte swaps.
+bool little_endian(std::string &error) {
+    if constexpr (std::endian::native == std::endian::little) return true;
+    error = "raw columns are little-endian and this machine is not";
+    return false;
+}
+
+}  // namespace
+
+bool write_columns(const std::string &dir, const Tape &t, std::string &error) {
+    if (!little_endian(error)) return false;
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    if (ec) {
+        error = "cannot create " + dir + ": " + ec.message();
+        return false;
+    }
+    return for_each_column(t, [&](const auto &column, const char *name) {
+        const std::string path = dir + "/" + name;
+        File f(std::fopen(path.c_str(), "wb"));
+        if (!f) {
+            error = "cannot create " + path + ": " + std::strerror(errno);
+            return false;
+        }
+        if (std::fwrite(column.data(), sizeof column[0], column.size(), f.get()) != column.size() ||
+            std::fflush(f.get()) != 0) {
+            error = "cannot write " + path;
+            return false;
+        }
+        return true;
+    });
+}
+
+bool load_columns(const std::string &dir, Tape &out, std::string &error) {
+    if (!little_endian(error)) return false;
+    out = Tape{};
+    const char *first = nullptr;  // the column that set the row count
+    return for_each_column(out, [&](auto &column, const char *name) {
+        const std::string path = dir + "/" + name;
+        File f(std::fopen(path.c_str(), "rb"));
+        if (!f) {
+            error = "cannot open " + path + ": " + std::strerror(errno);
+            return false;
+        }
+        std::error_code ec;
+        const uintmax_t bytes = std::filesystem::file_size(path, ec);
+        const size_t width = sizeof column[0];
+        if (ec || bytes % width != 0) {
+            error = path + ": not a whole number of " + std::to_string(width) + "-byte values";
+            return false;
+        }
+        if (first && bytes / width != out.rows()) {
+            error = path + ": " + std::to_string(bytes / width) + " values, but " + first + " has " +
+                    std::to_string(out.rows());
+            return false;
+        }
+        first = first ? first : name;
+        column.resize(bytes / width);
+        if (std::fread(column.data(), width, column.size(), f.get()) != column.size()) {
+            error = "cannot read " + path;
+            return false;
+        }
+        return true;
+    });
 }
 
 }  // namespace tape

@@ -26,4 +26,9 @@ bool load_csv(const std::string &path, Tape &out, std::string &error);
 // Writes the same CSV format.
 bool write_csv(const std::string &path, const Tape &t, std::string &error);
 
+// The columns as raw little-endian files in `dir` (created if missing):
+// ts.u64, price.f64, size.i32 and symbol.u16, for tools that map arrays.
+bool write_columns(const std::string &dir, const Tape &t, std::string &error);
+bool load_columns(const std::string &dir, Tape &out, std::string &error);
+
 }  // namespace tape

@@ -1,0 +1,131 @@
+"""Checks that the library, DuckDB and numpy agree on every request, then
+prints the time per row of each and the peers' ratios to the library.
+
+    /usr/bin/python3 table.py LIBRARY_JSON DUCKDB_JSON NUMPY_JSON [...]
+
+The files come in rounds of three (library, DuckDB, numpy), each round a
+fresh run of every tool on the same tape; a request's time is its best over
+all rounds. Exits with 1 after printing the values when results disagree.
+"""
+import json
+import math
+import sys
+
+U = 2.0**-53  # unit roundoff of double
+
+
+def tolerance(key, rows, params, library):
+    """Relative tolerance of the floating result of request `key`.
+
+    The library sums strictly left to right, numpy pairwise and DuckDB in
+    its own order. Any order lands within (n-1)u sum|x| of the exact sum of
+    n terms (to first order), so two orders differ by at most 2(n-1)u sum|x|;
+    every term here is positive (prices and sizes are), so sum|x| = |sum x|
+    and the bound is relative. A mean divides such a sum by a count.
+
+    The deviation also differs in formula: the library's (s2 - s1^2/n)/n
+    loses up to 3nu k of the variance to the rounding of s1 and s2, with
+    condition number k = 1 + mean^2/var, where DuckDB's streaming update and
+    numpy's two passes lose far less; a square root halves relative errors.
+    """
+    n = params["range_rows"] if key in ("price_mean", "price_dev") else rows
+    bound = 2 * max(n - 1, 0) * U
+    if key == "price_dev":
+        mean, dev = library["price_mean"], library["price_dev"]
+        if mean is not None and dev:
+            bound += 1.5 * n * U * (1 + (mean / dev) ** 2)
+    return max(1e-9, bound)
+
+
+def agree(a, b, exact, tol):
+    if a is None or b is None:
+        return a is None and b is None
+    if exact:
+        return int(a) == int(b)
+    return abs(a - b) <= tol * max(abs(a), abs(b))
+
+
+def merged(paths, tool):
+    """One tool's rounds as one document whose times are the best of all."""
+    docs = []
+    for path in paths:
+        with open(path) as f:
+            docs.append(json.load(f))
+    first = docs[0]
+    for doc in docs[1:]:
+        if tool == "library":
+            for mine, other in zip(first["requests"], doc["requests"]):
+                if mine["value"] != other["value"]:
+                    sys.exit(f"the library gave {mine['key']} as {mine['value']!r} and {other['value']!r}")
+                mine["seconds"] = min(mine["seconds"], other["seconds"])
+                mine["loop_seconds"] = min(mine["loop_seconds"], other["loop_seconds"])
+        else:
+            for key, mine in first["results"].items():
+                other = doc["results"][key]
+                if mine["value"] != other["value"]:
+                    sys.exit(f"{tool} gave {key} as {mine['value']!r} and {other['value']!r}")
+                mine["seconds"] = min(mine["seconds"], other["seconds"])
+    first["rounds"] = len(docs)
+    return first
+
+
+def main():
+    paths = sys.argv[1:]
+    if not paths or len(paths) % 3:
+        sys.exit("usage: table.py LIBRARY_JSON DUCKDB_JSON NUMPY_JSON [...]")
+    library = merged(paths[0::3], "library")
+    duckdb = merged(paths[1::3], "DuckDB")
+    numpy = merged(paths[2::3], "numpy")
+    rows = library["rows"]
+    peers = [("DuckDB", duckdb), ("numpy", numpy)]
+    for name, doc in peers:
+        if doc["rows"] != rows:
+            sys.exit(f"{name} loaded {doc['rows']} rows, the library {rows}")
+    values = {r["key"]: r["value"] for r in library["requests"]}
+
+    failed = False
+    spreads = []  # per floating request: how far each peer is from the library
+    for r in library["requests"]:
+        key, exact = r["key"], r["exact"]
+        tol = 0 if exact else tolerance(key, rows, library["params"], values)
+        diffs = []
+        for name, doc in peers:
+            if key not in doc["results"]:
+                print(f"{name} did not run {key}", file=sys.stderr)
+                failed = True
+                continue
+            theirs = doc["results"][key]["value"]
+            if not agree(r["value"], theirs, exact, tol):
+                print(f"DISAGREE {r['name']}: library {r['value']!r}, {name} {theirs!r}"
+                      + ("" if exact else f" (relative tolerance {tol:.2g})"), file=sys.stderr)
+                failed = True
+            elif not exact and r["value"] is not None:
+                diff = abs(r["value"] - theirs) / max(abs(r["value"]), abs(theirs), 1e-300)
+                diffs.append(f"{name} {diff:.1e}")
+        if diffs:
+            spreads.append(f"{r['name']}: {', '.join(diffs)} (tolerance {tol:.1e})")
+    if failed:
+        sys.exit(1)
+
+    def ns(seconds):
+        return seconds * 1e9 / rows if rows else math.nan
+
+    rounds = library["rounds"]
+    runs = f"best of {library['runs']} runs" + (f" in each of {rounds} rounds" if rounds > 1 else "")
+    print(f"{rows} rows; {runs}; {duckdb['tool']} (1 thread); {numpy['tool']}\n")
+    head = ("request", "rows", "library", "loop", "DuckDB", "numpy", "DuckDB/lib", "numpy/lib")
+    print(f"{head[0]:<36} {head[1]:>10} {head[2]:>8} {head[3]:>8} {head[4]:>8} {head[5]:>8} {head[6]:>10} {head[7]:>10}")
+    print(f"{'':<36} {'':>10} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8}")
+    for r in library["requests"]:
+        lib = ns(r["seconds"])
+        duck = ns(duckdb["results"][r["key"]]["seconds"])
+        nump = ns(numpy["results"][r["key"]]["seconds"])
+        print(f"{r['name']:<36} {rows:>10} {lib:>8.3f} {ns(r['loop_seconds']):>8.3f} {duck:>8.3f} {nump:>8.3f}"
+              f" {duck / lib:>10.2f} {nump / lib:>10.2f}")
+    print("\nAll three agree: integers exactly; floating results differ from the library's by")
+    for spread in spreads:
+        print("  " + spread)
+
+
+if __name__ == "__main__":
+    main()
