@@ -155,10 +155,8 @@ int filter_first_pos_next(Iter *it) {
         const int rc = cond->next(cond);
         if (rc == QMO_SEQ_END) break;
         if (rc) return rc;
-        for (unsigned j = 0; j < cond->tile_count && k < limit; ++j, ++p) {
-            out[k] = p;
-            k += is_true(cond, j);
-        }
+        for (Mask pick = true_mask(cond); pick && k < limit; pick &= pick - 1) out[k++] = p + lowest_bit(pick);
+        p += cond->tile_count;
     }
     it->tile_count = static_cast<uint16_t>(k);
     it->pos = k;

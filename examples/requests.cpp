@@ -122,17 +122,16 @@ double price_mean_loop(const tape::Tape &t) { return price_moments_loop(t).mean;
 double price_dev_loop(const tape::Tape &t) { return price_moments_loop(t).dev; }
 
 // Number of trades whose `column` value compares true with `bound`: the
-// count of the size column filtered by the condition.
+// condition is a uint1 sequence of 0s and 1s, so its sum is the count.
 template <class T, int (*Unget)(Iter *, const T *, uint64_t), int (*Const)(Iter *, T),
           int (*Compare)(Iter *, Iter *, Iter *)>
 double count_where(const tape::Tape &t, const std::vector<T> &column, T bound) {
-    Iter values, threshold, cond, sizes, kept, count;
+    Iter values, threshold, cond, count;
     Unget(&values, column.data(), column.size());
     Const(&threshold, bound);
     check(Compare(&cond, &values, &threshold), "comparison");
-    qmo_seq_unget_int4(&sizes, t.size.data(), t.rows());
-    check(qmo_seq_filter_int4(&kept, &cond, &sizes), "filter");
-    check(qmo_seq_agg_count(&count, &kept), "agg_count");
+    check(qmo_seq_agg_sum_uint1(&count, &cond), "agg_sum");
+    if (t.rows() == 0) return 0;  // a sum of nothing is an empty sequence
     return static_cast<double>(read_uint8(&count));
 }
 
