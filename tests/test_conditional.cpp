@@ -50,7 +50,8 @@ TEST(Iif, AllThreeAdvanceTogetherInTilesOfTheShortest) {
     EXPECT_EQ((std::vector<bool>(d.nulls.begin(), d.nulls.begin() + 4)), (std::vector<bool>{0, 0, 1, 0}));
     EXPECT_TRUE(d.values[100] == 128 && d.values[101] == 1101);
     CharSource a(3, {"abc", "def"}), b(3, {"xyz", "uvw"});
-    EXPECT_EQ(run<std::string>(qmo_seq_iif_char, &c2.it, &a.it, &b.it).values, (std::vector<std::string>{"abc", "uvw"}));
+    EXPECT_EQ(run<std::string>(qmo_seq_iif_char, &c2.it, &a.it, &b.it).values,
+              (std::vector<std::string>{"abc", "uvw"}));
 }
 
 TEST(Conditionals, TypesAndCharWidths) {
@@ -117,7 +118,8 @@ TEST(Callbacks, BinaryFamiliesTakeTheShorterLengthAndOrTheBitmaps) {
 TEST(Callbacks, CharMembersHandOverPointersAndTheWidth) {
     CharSource in(3, {"ab", "xyz"}), l(4, {"abcd"}), r(4, {"wxyz"}), w5(5, {"a"});
     char x = 'x';
-    EXPECT_EQ(run<std::string>(qmo_seq_func_char, &in.it, upper).values, (std::vector<std::string>{{"AB\0", 3}, "XYZ"}));
+    EXPECT_EQ(run<std::string>(qmo_seq_func_char, &in.it, upper).values,
+              (std::vector<std::string>{{"AB\0", 3}, "XYZ"}));
     in.reset(&in.it);
     auto starts = [](const char *s, size_t, void *ctx) -> uint8_t { return s[0] == *static_cast<char *>(ctx); };
     EXPECT_EQ(run<uint8_t>(qmo_seq_cond_ctx_char, &in.it, +starts, &x).values, (std::vector<uint8_t>{0, 1}));

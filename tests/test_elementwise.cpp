@@ -139,7 +139,8 @@ TYPED_TEST(NumericFamilies, SignOperatorsFollowTheTypesKind) {
     const T five = 5, minus_five = T(T(0) - five);  // 2^n - 5 for unsigned types
     const bool negates = is_float_v<TypeParam> || is_signed_v<TypeParam>;
     const bool dt = std::is_same_v<TypeParam, t_datetime>;
-    EXPECT_EQ(apply<TypeParam>(fn::abs<TypeParam>, {five, minus_five}), (std::vector<T>{five, negates ? five : minus_five}));
+    EXPECT_EQ(apply<TypeParam>(fn::abs<TypeParam>, {five, minus_five}),
+              (std::vector<T>{five, negates ? five : minus_five}));
     EXPECT_EQ(apply<TypeParam>(fn::neg<TypeParam>, {five}), std::vector<T>{negates || dt ? minus_five : five});
     if constexpr (is_signed_v<TypeParam>) {
         const T low = std::numeric_limits<T>::min();

@@ -135,7 +135,8 @@ TEST(Readers, ZeroRoomPullsNothingAndErrorsKeepTheCountSoFar) {
     Source<t_double> s({1.0, 2.0});
     double out[4];
     uint64_t count = 0, nulls = ~uint64_t{0};
-    EXPECT_EQ(qmo_seq_get_double(&s.it, nullptr, &count) | qmo_seq_get_nullable_double(&s.it, nullptr, &count, &nulls), 0);
+    EXPECT_EQ(qmo_seq_get_double(&s.it, nullptr, &count), 0);
+    EXPECT_EQ(qmo_seq_get_nullable_double(&s.it, nullptr, &count, &nulls), 0);
     EXPECT_TRUE(count == 0 && s.pulls == 0);
     s.fail_with = 999;
     count = 4;

@@ -209,7 +209,7 @@ TEST(ScalarAggregateQuirks, WeightedAverageWrapsIntegerProductsButWeightedSumDoe
     Source<t_uint2> uw({65535}), uv({65535});
     EXPECT_EQ(aggregate(qmo_seq_wavg_uint2, uw, uv).values, std::vector<double>{65535}) << "unsigned 32-bit: fits";
     Source<t_int4> x({1, 2, 3, 4}, {}, {2}), y({1, 2, 99, 3, 4, 99}, {}, {3});
-    EXPECT_EQ(aggregate(qmo_seq_wsum_int4, x, y).values, std::vector<double>{30}) << "in step: the 99s are never paired";
+    EXPECT_EQ(aggregate(qmo_seq_wsum_int4, x, y).values, std::vector<double>{30}) << "in step: 99s are never paired";
 }
 
 // ---- protocol ------------------------------------------------------------------------------
@@ -306,7 +306,7 @@ TEST(Counts, ArraySourcesAndHashOutputsAreCountedFromTheirRecords) {
     EXPECT_EQ(src.pos, 0u);
     qmo_seq_unget_int1(&src, values.data(), 0);
     EXPECT_EQ(count(qmo_seq_agg_count, &src, false), 0);
-    for (auto [status, groups] : {std::pair{0, 5}, std::pair{QMO_SEQ_END + 0, 5}, std::pair{QMO_SEQ_NO_MEMORY + 0, 0}}) {
+    for (auto [status, groups] : {std::pair{0, 5}, std::pair{+QMO_SEQ_END, 5}, std::pair{+QMO_SEQ_NO_MEMORY, 0}}) {
         HashOutput out(5);
         out.status = status;
         EXPECT_EQ(count(qmo_seq_agg_count, &out.it, false), groups) << "pull status " << status;

@@ -310,11 +310,11 @@ TEST(OrderBy, CallersBufferAndConstructorChecks) {
     EXPECT_EQ(d.nulls, (std::vector<bool>{0, 0, 0}));
     EXPECT_EQ(qmo_seq_order_by_reset(&out), 0);
     EXPECT_TRUE(out.buf == buffer.data() && in.pulls == 0 && Hooks::calls == 0);
-    expect_refused(QMO_SEQ_TYPE_MISMATCH, [&](Iter *o) { return qmo_seq_order_by_int4(o, &wrong.it, perm, 1, nullptr); },
+    expect_refused(QMO_SEQ_TYPE_MISMATCH, [&](Iter *o) { return qmo_seq_order_by_int4(o, &wrong.it, perm, 1, 0); },
                    {&wrong.it});
     BindingChecks on(1);
     ASSERT_EQ(qmo_seq_order_by_int4(&read, &other.it, swap, 2, nullptr), 0);
-    expect_refused(QMO_SEQ_ALREADY_BOUND, [&](Iter *o) { return qmo_seq_order_by_int4(o, &other.it, swap, 2, nullptr); },
+    expect_refused(QMO_SEQ_ALREADY_BOUND, [&](Iter *o) { return qmo_seq_order_by_int4(o, &other.it, swap, 2, 0); },
                    {&other.it});
     EXPECT_EQ(drain<int32_t>(&read).values, (std::vector<int32_t>{6, 5})) << "its own bound input is still read";
     EXPECT_EQ(other.it.bound, 1);
