@@ -156,11 +156,11 @@ struct Drained {
     int status = 0;               // the status that ended the drain
 };
 
-// Pulls until a non-zero status, collecting every element and its null bit.
+// Pulls until a non-zero status (at most 2^16 tiles), collecting every element and its null bit.
 template <class T>
 Drained<T> drain(Iter *it) {
     Drained<T> d;
-    while ((d.status = it->next(it)) == 0) {
+    for (int k = 0; k < 1 << 16 && (d.status = it->next(it)) == 0; ++k) {
         d.tiles.push_back(it->tile_count);
         for (unsigned i = 0; i < it->tile_count; ++i) {
             if constexpr (std::is_same_v<T, std::string>) {

@@ -42,12 +42,13 @@ TEST(Iif, AllThreeAdvanceTogetherInTilesOfTheShortest) {
     std::vector<uint8_t> c(200);
     for (size_t i = 0; i < c.size(); ++i) c[i] = i % 2;
     Cond cond(c, {3}), c2({1, 0});
-    Source<t_int4> then_branch(iota_column(200, 1000), {}, {100}), else_branch(iota_column(200), {1, 2});
+    Source<t_int4> then_branch(iota_column(200, 1000), {}, {100}), else_branch(iota_column(200), {1, 2, 3});
     const auto d = run<int32_t>(qmo_seq_iif_int4, &cond.it, &then_branch.it, &else_branch.it);
-    // The rest of each longer tile is dropped: the second call starts at cond 128, then 100, else 128.
+    // Index 1 takes then's bit, 3 (null condition) else's element and bit. The rest of each longer
+    // tile is dropped: the second call starts at cond 128, then 100, else 128.
     EXPECT_EQ(d.tiles, (std::vector<unsigned>{100, 72}));
     EXPECT_EQ((std::vector<int32_t>(d.values.begin(), d.values.begin() + 4)), (std::vector<int32_t>{0, 1001, 2, 3}));
-    EXPECT_EQ((std::vector<bool>(d.nulls.begin(), d.nulls.begin() + 4)), (std::vector<bool>{0, 0, 1, 0}));
+    EXPECT_EQ((std::vector<bool>(d.nulls.begin(), d.nulls.begin() + 4)), (std::vector<bool>{0, 0, 1, 1}));
     EXPECT_TRUE(d.values[100] == 128 && d.values[101] == 1101);
     CharSource a(3, {"abc", "def"}), b(3, {"xyz", "uvw"});
     EXPECT_EQ(run<std::string>(qmo_seq_iif_char, &c2.it, &a.it, &b.it).values,

@@ -52,8 +52,9 @@ TEST(Constant, FillsOneFullTileNeverEndsAndRefillsAfterReset) {
 TEST(Readers, OneAtATimeAndTheirChecks) {
     Source<t_int8> s({5, 6, 7}, {1}, {2});
     int64_t v = 42;
+    int32_t w = 42;
     uint64_t count = 1, nulls = 0;
-    EXPECT_EQ(qmo_seq_next_int4(&s.it, nullptr), QMO_SEQ_TYPE_MISMATCH);
+    EXPECT_EQ(qmo_seq_next_int4(&s.it, &w), QMO_SEQ_TYPE_MISMATCH);
     EXPECT_EQ(qmo_seq_get_uint8(&s.it, nullptr, &count), QMO_SEQ_TYPE_MISMATCH);
     EXPECT_EQ(qmo_seq_get_nullable_datetime(&s.it, nullptr, &count, &nulls), QMO_SEQ_TYPE_MISMATCH);
     s.it.bound = 1;
@@ -63,7 +64,7 @@ TEST(Readers, OneAtATimeAndTheirChecks) {
         EXPECT_EQ(qmo_seq_get_int8(&s.it, &v, &count), QMO_SEQ_ALREADY_BOUND);
         EXPECT_EQ(qmo_seq_get_nullable_int8(&s.it, &v, &count, &nulls), QMO_SEQ_ALREADY_BOUND);
     }
-    EXPECT_TRUE(s.pulls == 0 && v == 42);
+    EXPECT_TRUE(s.pulls == 0 && v == 42 && w == 42) << "nothing pulled, nothing written";
     std::vector<int> statuses;
     std::vector<int64_t> seen;
     while (statuses.size() < 5) statuses.push_back(qmo_seq_next_int8(&s.it, &v)), seen.push_back(v);
@@ -80,7 +81,7 @@ template <class Tag>
 Drained<V<Tag>> read_chunks(Iter *src, uint64_t room, bool nullable) {
     Drained<V<Tag>> d;
     std::vector<V<Tag>> chunk(room);
-    for (;;) {
+    while (d.values.size() <= 100000) {
         uint64_t count = room, nulls[2] = {~uint64_t{0}, ~uint64_t{0}};
         d.status = nullable ? fn::get_nullable<Tag>(src, chunk.data(), &count, nulls)
                             : fn::get<Tag>(src, chunk.data(), &count);
@@ -93,6 +94,8 @@ Drained<V<Tag>> read_chunks(Iter *src, uint64_t room, bool nullable) {
         if (d.status) return d;
         d.tiles.push_back(static_cast<unsigned>(count));
     }
+    ADD_FAILURE() << "more elements than the source holds";
+    return d;
 }
 
 template <class Tag>

@@ -55,11 +55,6 @@ Result aggregate(Make make, Sources &...in) {
     return pull(&agg);
 }
 
-void expect_near(double got, double want) {
-    if (std::isnan(want)) EXPECT_TRUE(std::isnan(got));
-    else EXPECT_DOUBLE_EQ(got, want);
-}
-
 // Every mergeable family over x = 2, 1, 8, 2 and, for pairs, y = 1, 2, 3, 4:
 // s1 13, s2 73, sy 10, syy 30, sxy 36.
 struct Row {
@@ -125,7 +120,7 @@ TYPED_TEST(ScalarAggregates, FamilyTable) {
                 continue;
             }
             ASSERT_EQ(r.values.size(), 1u);
-            expect_near(r.values[0], row.expected);
+            EXPECT_DOUBLE_EQ(r.values[0], row.expected);
         }
     }
 }
@@ -151,7 +146,7 @@ TYPED_TEST(ScalarAggregates, PreparedPartitionsMergeToTheSinglePassResult) {
         for (size_t p = 1; p < 4; ++p) ASSERT_EQ(aggs[0].merge(&aggs[0], &aggs[p]), 0);
         const Result r = pull(&aggs[0]);
         ASSERT_EQ(r.values.size(), 1u);
-        expect_near(r.values[0], row.expected);
+        EXPECT_DOUBLE_EQ(r.values[0], row.expected);
         EXPECT_EQ(sources[2].pulls, 2) << "the prepared result is handed out, not recomputed";
     }
 }
