@@ -24,11 +24,7 @@ using Unary = int (*)(Iter *, Iter *);
 using Binary = int (*)(Iter *, Iter *, Iter *);
 
 // One tag per numeric suffix (datetime and uint8 share a C type, so tags tell them apart).
-#define TEST_TAG_(a, t, ctype, code) \
-    struct t_##t {                   \
-        using type = ctype;          \
-        static constexpr int code_ = code; \
-    };
+#define TEST_TAG_(a, t, ctype, code) struct t_##t { using type = ctype; static constexpr int code_ = code; };
 QMO_SEQ_NUMERIC_TYPES(TEST_TAG_, )
 #undef TEST_TAG_
 
@@ -217,11 +213,12 @@ struct BindingChecks {
     ~BindingChecks() { qmo_seq_enable_check_bindings(previous); }
 };
 
-// Allocation hooks while the object lives: sizes are checked at the free,
-// live blocks tracked, and every request from the k-th on refused (0: none).
+// Allocation hooks while the object lives: live blocks are tracked, a free of
+// anything else or with another size fails, and every request from the k-th
+// on is refused (0: none).
 struct Hooks {
     static inline std::map<void *, size_t> live;
-    static inline int calls = 0, frees = 0, refuse_from = 0;
+    static inline int calls = 0, refuse_from = 0;
     static void *take(void *, size_t size) {
         if (++calls >= refuse_from && refuse_from > 0) return nullptr;
         void *p = std::malloc(size);
@@ -231,11 +228,10 @@ struct Hooks {
     static void give(void *, void *p, size_t size) {
         EXPECT_EQ(live[p], size) << "freed with another size than taken";
         live.erase(p);
-        ++frees;
         std::free(p);
     }
     explicit Hooks(int refuse = 0) {
-        calls = frees = 0;
+        calls = 0;
         refuse_from = refuse;
         qmo_seq_redefine_allocator(take, give);
     }
