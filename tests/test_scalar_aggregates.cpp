@@ -318,6 +318,7 @@ TEST(Counts, PullEveryTileStopAtAnyStatusAndBindNothing) {
     EXPECT_EQ(count(qmo_seq_agg_count_not_null, &b.it), 297);
     EXPECT_EQ(count(qmo_seq_agg_count, &broken.it), 2) << "what was counted stands";
     EXPECT_EQ(count(qmo_seq_agg_count, &text.it), 2) << "neither type-checked nor bound";
+    EXPECT_EQ(a.it.bound + b.it.bound + broken.it.bound, 0);
 }
 
 // Array sources are counted from their length without a pull, hash
