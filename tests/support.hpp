@@ -1,16 +1,19 @@
-// Test support: per-type tables of the public API (stamped from the header's
-// own type lists), a scripted source with chosen tile lengths and nulls, and
-// helpers to drain a sequence.
+// Test support: tags and per-type function tables stamped from the header's
+// own lists, a scripted source with chosen tiles, nulls and failures, helpers
+// that build and drain sequences, and counting allocator hooks.
 #pragma once
 
 #include "qmo_seq.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <algorithm>
+#include <initializer_list>
 #include <limits>
+#include <map>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -18,111 +21,35 @@
 namespace test {
 
 using Iter = qmo_seq_iterator_t;
+using Unary = int (*)(Iter *, Iter *);
+using Binary = int (*)(Iter *, Iter *, Iter *);
 
-// Tag per suffix (datetime and uint8 share a C type, so tags tell them apart).
-#define TEST_TAG_(a, t, ctype, code) \
-    struct t_##t {};
-QMO_SEQ_ALL_TYPES(TEST_TAG_, )
+// One tag per numeric suffix (datetime and uint8 share a C type, so tags tell them apart).
+#define TEST_TAG_(a, t, ctype, code) struct t_##t { using type = ctype; static constexpr int code_ = code; };
+QMO_SEQ_NUMERIC_TYPES(TEST_TAG_, )
 #undef TEST_TAG_
 
-// Api<tag>: the exported functions of one element type.
 template <class Tag>
-struct Api;
-
-#define TEST_API_(a, t, ctype, code)                          \
-    template <>                                               \
-    struct Api<t_##t> {                                       \
-        using type = ctype;                                   \
-        static constexpr int code_ = code;                    \
-        static constexpr auto next = qmo_seq_next_##t;        \
-        static constexpr auto get = qmo_seq_get_##t;          \
-        static constexpr auto get_nullable = qmo_seq_get_nullable_##t; \
-        static constexpr auto eq = qmo_seq_eq_##t;            \
-        static constexpr auto ne = qmo_seq_ne_##t;            \
-        static constexpr auto lt = qmo_seq_lt_##t;            \
-        static constexpr auto gt = qmo_seq_gt_##t;            \
-        static constexpr auto le = qmo_seq_le_##t;            \
-        static constexpr auto ge = qmo_seq_ge_##t;            \
-    };
-QMO_SEQ_ALL_TYPES(TEST_API_, )
-#undef TEST_API_
-
-// NumApi<tag>: the numeric-only members besides those of Api<tag>.
+using V = typename Tag::type;
 template <class Tag>
-struct NumApi;
-
-#define TEST_NUM_API_(a, t, ctype, code)                      \
-    template <>                                               \
-    struct NumApi<t_##t> : Api<t_##t> {                       \
-        static constexpr auto constant = qmo_seq_const_##t;   \
-        static constexpr auto unget = qmo_seq_unget_##t;      \
-        static constexpr auto unget_nullable = qmo_seq_unget_nullable_##t; \
-        static constexpr auto add = qmo_seq_add_##t;          \
-        static constexpr auto sub = qmo_seq_sub_##t;          \
-        static constexpr auto mul = qmo_seq_mul_##t;          \
-        static constexpr auto div = qmo_seq_div_##t;          \
-        static constexpr auto mod = qmo_seq_mod_##t;          \
-        static constexpr auto max = qmo_seq_max_##t;          \
-        static constexpr auto min = qmo_seq_min_##t;          \
-        static constexpr auto abs = qmo_seq_abs_##t;          \
-        static constexpr auto neg = qmo_seq_neg_##t;          \
-    };
-QMO_SEQ_NUMERIC_TYPES(TEST_NUM_API_, )
-#undef TEST_NUM_API_
-
-// AggApi<tag>: the scalar aggregate constructors of one numeric type (each
-// record then carries its own merge function).
+constexpr bool is_float_v = std::is_floating_point_v<V<Tag>>;
 template <class Tag>
-struct AggApi;
+constexpr bool is_signed_v = std::is_signed_v<V<Tag>> && !is_float_v<Tag>;
 
-#define TEST_AGG_API_(a, t, ctype, code)                                    \
-    template <>                                                             \
-    struct AggApi<t_##t> {                                                  \
-        static constexpr auto sum = qmo_seq_agg_sum_##t;                    \
-        static constexpr auto prd = qmo_seq_agg_prd_##t;                    \
-        static constexpr auto min = qmo_seq_agg_min_##t;                    \
-        static constexpr auto max = qmo_seq_agg_max_##t;                    \
-        static constexpr auto avg = qmo_seq_agg_avg_##t;                    \
-        static constexpr auto var = qmo_seq_agg_var_##t;                    \
-        static constexpr auto var_samp = qmo_seq_agg_var_samp_##t;          \
-        static constexpr auto dev = qmo_seq_agg_dev_##t;                    \
-        static constexpr auto dev_samp = qmo_seq_agg_dev_samp_##t;          \
-        static constexpr auto min_max = qmo_seq_agg_min_max_##t;            \
-        static constexpr auto cov = qmo_seq_cov_##t;                        \
-        static constexpr auto corr = qmo_seq_corr_##t;                      \
-        static constexpr auto wsum = qmo_seq_wsum_##t;                      \
-        static constexpr auto wavg = qmo_seq_wavg_##t;                      \
-    };
-QMO_SEQ_NUMERIC_TYPES(TEST_AGG_API_, )
-#undef TEST_AGG_API_
-// SortApi<tag>: sorting and the ordering iterator of one numeric type.
-template <class Tag>
-struct SortApi;
-
-#define TEST_SORT_API_(a, t, ctype, code)                                  \
-    template <>                                                            \
-    struct SortApi<t_##t> : NumApi<t_##t> {                                \
-        static constexpr auto sort = qmo_seq_sort_##t;                     \
-        static constexpr auto order_by = qmo_seq_order_by_##t;             \
-        static constexpr auto order_by_next = qmo_seq_order_by_##t##_next; \
-    };
-QMO_SEQ_NUMERIC_TYPES(TEST_SORT_API_, )
-#undef TEST_SORT_API_
-
-// HashApi<tag>: the hash aggregate constructors over values of one numeric type.
-template <class Tag>
-struct HashApi;
-
-#define TEST_HASH_API_(a, t, ctype, code)                                   \
-    template <>                                                             \
-    struct HashApi<t_##t> {                                                 \
-        static constexpr auto max = qmo_seq_hash_agg_max_##t;               \
-        static constexpr auto min = qmo_seq_hash_agg_min_##t;               \
-        static constexpr auto sum = qmo_seq_hash_agg_sum_##t;               \
-        static constexpr auto avg = qmo_seq_hash_agg_avg_##t;               \
-    };
-QMO_SEQ_NUMERIC_TYPES(TEST_HASH_API_, )
-#undef TEST_HASH_API_
+// fn::<family><Tag>: the family's exported function for the tag's type.
+namespace fn {
+#define TEST_FN_(op, t, ctype, code) template <> inline constexpr auto op<t_##t> = qmo_seq_##op##_##t;
+#define TEST_FAMILY_(op)                \
+    template <class Tag>                \
+    inline constexpr auto op = nullptr; \
+    QMO_SEQ_NUMERIC_TYPES(TEST_FN_, op)
+QMO_SEQ_ARITHMETIC_OPS(TEST_FAMILY_) QMO_SEQ_COMPARISON_OPS(TEST_FAMILY_) QMO_SEQ_SIGN_OPS(TEST_FAMILY_)
+QMO_SEQ_AGGREGATE_OPS(TEST_FAMILY_) QMO_SEQ_PAIR_AGGREGATE_OPS(TEST_FAMILY_) TEST_FAMILY_(agg_min_max)
+TEST_FAMILY_(hash_agg_max) TEST_FAMILY_(hash_agg_min) TEST_FAMILY_(hash_agg_sum) TEST_FAMILY_(hash_agg_avg)
+TEST_FAMILY_(get) TEST_FAMILY_(get_nullable) TEST_FAMILY_(unget_nullable) TEST_FAMILY_(sort) TEST_FAMILY_(order_by)
+#undef TEST_FAMILY_
+#undef TEST_FN_
+}  // namespace fn
 
 // The eleven numeric tags as gtest types (a dummy first entry eats the comma).
 #define TEST_TAG_LIST_(a, t, ctype, code) , t_##t
@@ -133,31 +60,18 @@ struct DropFirst {
 using NumericTypes = DropFirst<void QMO_SEQ_NUMERIC_TYPES(TEST_TAG_LIST_, )>::type;
 #undef TEST_TAG_LIST_
 
-template <class Tag>
-using V = typename Api<Tag>::type;
+// ---- scripted sources ---------------------------------------------------------
 
-template <class Tag>
-constexpr bool is_float_v = std::is_floating_point_v<V<Tag>>;
-template <class Tag>
-constexpr bool is_signed_v = std::is_signed_v<V<Tag>> && !is_float_v<Tag>;
-
-// ---- scripted source --------------------------------------------------------
-
-// Delivers `values` in tiles of the given lengths (the last length repeats),
-// with nulls at the given indexes; counts pulls and resets. Element type and
-// width are free, so it can stand in for any operand.
+// Delivers its elements in tiles of the given lengths (the last repeats), with
+// nulls where marked; counts pulls and resets. From pull `fail_from` (counted
+// from 1) on, a non-zero `fail_with` is returned instead.
 struct Script {
     Iter it{};
     std::vector<unsigned char> bytes;
     std::vector<bool> nulls;
     std::vector<unsigned> tiles{QMO_SEQ_TILE_SIZE};
-    size_t width = 0;
-    size_t count = 0;
-    size_t at = 0;
-    size_t tile_index = 0;
-    int pulls = 0;
-    int resets = 0;
-    int fail_with = 0;  // non-zero: every pull returns this status
+    size_t width, count = 0, at = 0, tile_index = 0;
+    int pulls = 0, resets = 0, fail_with = 0, fail_from = 1;
 
     Script(int type, size_t elem_width) : width(elem_width) {
         it.elem_type = static_cast<uint8_t>(type);
@@ -175,114 +89,123 @@ struct Script {
     }
     static int next(Iter *it) {
         Script *s = self(it);
-        ++s->pulls;
-        if (s->fail_with) return s->fail_with;
+        if (++s->pulls >= s->fail_from && s->fail_with) return s->fail_with;
         if (s->at >= s->count) return QMO_SEQ_END;
-        const unsigned want = s->tiles[std::min(s->tile_index, s->tiles.size() - 1)];
-        ++s->tile_index;
-        const size_t n = std::min<size_t>(want, s->count - s->at);
+        const size_t n = std::min<size_t>(s->tiles[std::min(s->tile_index++, s->tiles.size() - 1)], s->count - s->at);
         std::memcpy(it->values.bytes, s->bytes.data() + s->at * s->width, n * s->width);
         it->null_bitmap[0] = it->null_bitmap[1] = 0;
-        for (size_t i = 0; i < n; ++i)
-            if (s->nulls[s->at + i]) it->null_bitmap[i / 64] |= uint64_t{1} << (i % 64);
+        for (size_t i = 0; i < n; ++i) it->null_bitmap[i / 64] |= uint64_t{s->nulls[s->at + i]} << (i % 64);
         s->at += n;
         it->tile_count = static_cast<uint16_t>(n);
         it->pos += n;
         return QMO_SEQ_OK;
     }
     static int reset(Iter *it) {
-        Script *s = self(it);
-        ++s->resets;
-        s->at = 0;
-        s->tile_index = 0;
+        ++self(it)->resets;
+        self(it)->at = self(it)->tile_index = 0;
         return qmo_seq_reset_iterator(it);
+    }
+    void load(const void *data, size_t n, const std::vector<size_t> &null_at) {
+        count = n;
+        bytes.assign(n * width, 0);
+        if (n) std::memcpy(bytes.data(), data, bytes.size());
+        nulls.assign(n, false);
+        for (size_t i : null_at) nulls[i] = true;
     }
 };
 
-template <class T>
-void load(Script &s, const std::vector<T> &values, const std::vector<size_t> &null_at = {}) {
-    s.count = values.size();
-    s.bytes.assign(values.size() * sizeof(T), 0);
-    if (!values.empty()) std::memcpy(s.bytes.data(), values.data(), s.bytes.size());
-    s.nulls.assign(values.size(), false);
-    for (size_t i : null_at) s.nulls[i] = true;
-}
-
-// A numeric source of the tag's type over the given values.
+// A numeric source of the tag's type.
 template <class Tag>
 struct Source : Script {
-    explicit Source(const std::vector<V<Tag>> &values, std::vector<size_t> null_at = {},
+    explicit Source(const std::vector<V<Tag>> &values, const std::vector<size_t> &null_at = {},
                     std::vector<unsigned> tile_lengths = {QMO_SEQ_TILE_SIZE})
-        : Script(Api<Tag>::code_, sizeof(V<Tag>)) {
-        load(*this, values, null_at);
+        : Script(Tag::code_, sizeof(V<Tag>)) {
+        load(values.data(), values.size(), null_at);
         tiles = std::move(tile_lengths);
     }
 };
 
 // A char source of the given width; each string is NUL-padded to the width.
 struct CharSource : Script {
-    CharSource(size_t w, const std::vector<std::string> &strings, std::vector<size_t> null_at = {})
+    CharSource(size_t w, const std::vector<std::string> &strings, const std::vector<size_t> &null_at = {})
         : Script(QMO_SEQ_TYPE_CHAR, w) {
-        count = strings.size();
-        bytes.assign(count * w, 0);
-        for (size_t i = 0; i < count; ++i)
-            std::memcpy(bytes.data() + i * w, strings[i].data(), std::min(w, strings[i].size()));
-        nulls.assign(count, false);
-        for (size_t i : null_at) nulls[i] = true;
+        std::string all;
+        for (const std::string &s : strings) all += (s + std::string(w, '\0')).substr(0, w);
+        load(all.data(), strings.size(), null_at);
     }
 };
 
-// Element i of a tile as a double, whatever its numeric type.
-inline double element(const Iter *it, unsigned i) {
-    switch (it->elem_type) {
-    case QMO_SEQ_TYPE_INT1: return it->values.i1[i];
-    case QMO_SEQ_TYPE_INT2: return it->values.i2[i];
-    case QMO_SEQ_TYPE_INT4: return it->values.i4[i];
-    case QMO_SEQ_TYPE_INT8: return static_cast<double>(it->values.i8[i]);
-    case QMO_SEQ_TYPE_UINT1: return it->values.u1[i];
-    case QMO_SEQ_TYPE_UINT2: return it->values.u2[i];
-    case QMO_SEQ_TYPE_UINT4: return it->values.u4[i];
-    case QMO_SEQ_TYPE_FLOAT: return it->values.f4[i];
-    case QMO_SEQ_TYPE_DOUBLE: return it->values.f8[i];
-    default: return static_cast<double>(it->values.u8[i]);  // uint8, datetime
-    }
+using Cond = Source<t_uint1>;
+
+// from, from + 1, ..., as int32.
+inline std::vector<int32_t> iota_column(size_t n, int32_t from = 0) {
+    std::vector<int32_t> v(n);
+    for (size_t i = 0; i < n; ++i) v[i] = from + static_cast<int32_t>(i);
+    return v;
 }
 
-// ---- draining ---------------------------------------------------------------
+// ---- draining -------------------------------------------------------------------
 
 template <class T>
 struct Drained {
-    std::vector<T> values;
+    std::vector<T> values;  // std::string: char elements of the record's full width
     std::vector<bool> nulls;
     std::vector<unsigned> tiles;  // length of every tile delivered
     int status = 0;               // the status that ended the drain
 };
 
-// Pulls until a non-zero status, collecting every element and its null bit.
+// Pulls until a non-zero status (at most 2^16 tiles), collecting every element and its null bit.
 template <class T>
-Drained<T> drain(Iter *it, int max_tiles = 1 << 20) {
+Drained<T> drain(Iter *it) {
     Drained<T> d;
-    for (int k = 0; k < max_tiles; ++k) {
-        d.status = it->next(it);
-        if (d.status) break;
+    for (int k = 0; k < 1 << 16 && (d.status = it->next(it)) == 0; ++k) {
         d.tiles.push_back(it->tile_count);
         for (unsigned i = 0; i < it->tile_count; ++i) {
-            T v;
-            std::memcpy(&v, it->values.bytes + size_t{i} * sizeof(T), sizeof(T));
-            d.values.push_back(v);
+            if constexpr (std::is_same_v<T, std::string>) {
+                d.values.emplace_back(it->values.bytes + size_t{i} * it->elem_size, it->elem_size);
+            } else {
+                T v;
+                std::memcpy(&v, it->values.bytes + size_t{i} * sizeof v, sizeof v);
+                d.values.push_back(v);
+            }
             d.nulls.push_back((it->null_bitmap[i / 64] >> (i % 64)) & 1);
         }
     }
     return d;
 }
 
-// Char elements as strings of the record's full width (NULs included).
-inline std::vector<std::string> drain_chars(Iter *it) {
-    std::vector<std::string> out;
-    while (it->next(it) == 0)
-        for (unsigned i = 0; i < it->tile_count; ++i)
-            out.emplace_back(it->values.bytes + size_t{i} * it->elem_size, it->elem_size);
-    return out;
+// Drains, resets and drains again: the replay must deliver the same tiles.
+template <class T>
+Drained<T> drain_replayed(Iter *it) {
+    const Drained<T> d = drain<T>(it);
+    EXPECT_EQ(it->reset(it), 0);
+    const Drained<T> again = drain<T>(it);
+    EXPECT_TRUE(again.values == d.values && again.nulls == d.nulls && again.tiles == d.tiles) << "replay differs";
+    return d;
+}
+
+// Builds make(result, args...), which must succeed, and drains the result.
+template <class T, class Make, class... Args>
+Drained<T> run(Make make, Args... args) {
+    Iter out;
+    EXPECT_EQ(make(&out, args...), 0);
+    return drain<T>(&out);
+}
+
+// ---- construction and settings ------------------------------------------------
+
+// A constructor call that must fail with `status` and write nothing: neither
+// the result record nor the given operands' bound flags.
+template <class Make>
+void expect_refused(int status, Make make, std::initializer_list<Iter *> operands) {
+    Iter out;
+    std::memset(&out, 0xAB, sizeof out);
+    const Iter before = out;
+    std::vector<uint8_t> bound;
+    for (Iter *o : operands) bound.push_back(o->bound);
+    EXPECT_EQ(make(&out), status);
+    EXPECT_EQ(std::memcmp(&out, &before, sizeof out), 0) << "result written";
+    for (size_t i = 0; i < bound.size(); ++i) EXPECT_EQ(operands.begin()[i]->bound, bound[i]) << "operand " << i;
 }
 
 // Bindings off unless a test turns them on; restores the setting afterwards.
@@ -291,5 +214,45 @@ struct BindingChecks {
     explicit BindingChecks(int on) : previous(qmo_seq_enable_check_bindings(on)) {}
     ~BindingChecks() { qmo_seq_enable_check_bindings(previous); }
 };
+
+// Allocation hooks while the object lives: live blocks are tracked, a free of
+// anything else or with another size fails, and every request from the k-th
+// on is refused (0: none).
+struct Hooks {
+    static inline std::map<void *, size_t> live;
+    static inline int calls = 0, refuse_from = 0;
+    static void *take(void *, size_t size) {
+        if (++calls >= refuse_from && refuse_from > 0) return nullptr;
+        void *p = std::malloc(size);
+        live[p] = size;
+        return p;
+    }
+    static void give(void *, void *p, size_t size) {
+        EXPECT_EQ(live[p], size) << "freed with another size than taken";
+        live.erase(p);
+        std::free(p);
+    }
+    explicit Hooks(int refuse = 0) {
+        calls = 0;
+        refuse_from = refuse;
+        qmo_seq_redefine_allocator(take, give);
+    }
+    ~Hooks() { qmo_seq_redefine_allocator(qmo_seq_sys_malloc, qmo_seq_sys_free); }
+};
+
+// Element i of a tile as a double, whatever its numeric type.
+inline double element(const Iter *it, unsigned i) {
+    switch (it->elem_type) {
+#define TEST_ELEMENT_(a, t, ctype, code)                            \
+    case code: {                                                    \
+        ctype v;                                                    \
+        std::memcpy(&v, it->values.bytes + i * sizeof v, sizeof v); \
+        return static_cast<double>(v);                              \
+    }
+        QMO_SEQ_NUMERIC_TYPES(TEST_ELEMENT_, )
+#undef TEST_ELEMENT_
+    }
+    return std::nan("");
+}
 
 }  // namespace test

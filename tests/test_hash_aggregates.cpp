@@ -88,7 +88,7 @@ Groups pull(Outputs &o, bool agg_first) {
                 g.aggs.push_back((o.agg.null_bitmap[i / 64] >> (i % 64)) & 1 ? null : element(&o.agg, i));
     };
     if (agg_first) aggs();
-    g.keys = drain_chars(&o.grp);
+    g.keys = drain<std::string>(&o.grp).values;
     if (!agg_first) aggs();
     EXPECT_EQ(g.keys.size(), g.aggs.size());
     return g;
@@ -168,8 +168,7 @@ void expect_groups(Script &keys, uint64_t init) {
 // occurrences, count of values (uint8 values only) the non-null values.
 TYPED_TEST(HashTyped, FamilyTable) {
     using T = V<TypeParam>;
-    using H = HashApi<TypeParam>;
-    const int t = Api<TypeParam>::code_;
+    const int t = TypeParam::code_;
     const bool dt = std::is_same_v<TypeParam, t_datetime>;
     const int wide = is_float_v<TypeParam> ? QMO_SEQ_TYPE_DOUBLE
                      : dt                   ? QMO_SEQ_TYPE_DATETIME
@@ -187,10 +186,10 @@ TYPED_TEST(HashTyped, FamilyTable) {
     };
     auto k = [](int32_t key) { return std::string(reinterpret_cast<const char *>(&key), 4); };
     std::vector<Row> rows = {
-        {"max", with_size(H::max), t, {{k(5), 8}, {k(7), 4}, {k(9), null}, {k(13), 3}}},
-        {"min", with_size(H::min), t, {{k(5), 2}, {k(7), 1}, {k(9), null}, {k(13), 3}}},
-        {"sum", with_size(H::sum), wide, {{k(5), 12}, {k(7), 5}, {k(9), null}, {k(13), 3}}},
-        {"avg", with_size(H::avg), dt ? t : QMO_SEQ_TYPE_DOUBLE, {{k(5), 4}, {k(7), dt ? 2 : 2.5}, {k(9), null}, {k(13), 3}}},
+        {"max", with_size(fn::hash_agg_max<TypeParam>), t, {{k(5), 8}, {k(7), 4}, {k(9), null}, {k(13), 3}}},
+        {"min", with_size(fn::hash_agg_min<TypeParam>), t, {{k(5), 2}, {k(7), 1}, {k(9), null}, {k(13), 3}}},
+        {"sum", with_size(fn::hash_agg_sum<TypeParam>), wide, {{k(5), 12}, {k(7), 5}, {k(9), null}, {k(13), 3}}},
+        {"avg", with_size(fn::hash_agg_avg<TypeParam>), dt ? t : QMO_SEQ_TYPE_DOUBLE, {{k(5), 4}, {k(7), dt ? 2 : 2.5}, {k(9), null}, {k(13), 3}}},
         {"approxdc", with_size(qmo_seq_hash_agg_approxdc), QMO_SEQ_TYPE_UINT4,
          {{k(5), estimate({2, 8})}, {k(7), estimate({1, 4})}, {k(9), 0}, {k(13), estimate({3})}}},
         {"count", [](Iter *a, Iter *g, Iter *, Iter *keys) { return qmo_seq_hash_agg_count(a, g, keys, 0); },
@@ -389,7 +388,7 @@ TEST_F(Hash, EveryAllocationFailureIs52AndLeaksNothing) {
         int rc = qmo_seq_hash_agg_approxdc(&o.agg, &o.grp, &v.it, &k.it, 7);
         if (!rc && (rc = o.grp.next(&o.grp)) == QMO_SEQ_NO_MEMORY) {
             k.it.reset(&k.it), v.it.reset(&v.it);
-            EXPECT_EQ(drain_chars(&o.grp).size(), 1100u) << "the next pull builds anew";
+            EXPECT_EQ(drain<std::string>(&o.grp).values.size(), 1100u) << "the next pull builds anew";
         }
         return rc;
     };
