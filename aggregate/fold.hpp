@@ -45,25 +45,18 @@ constexpr unsigned outputs_of() {
 
 // ---- tiles and null bitmaps ----------------------------------------------------
 
-// Bits of word w that stand for elements below len.
-inline uint64_t below(unsigned len, unsigned w) noexcept {
-    const unsigned from = w * 64;
-    if (len >= from + 64) return ~uint64_t{0};
-    return len <= from ? 0 : (uint64_t{1} << (len - from)) - 1;
-}
-
 // Calls visit(i) for every element below len whose bit in nulls is clear.
 template <class Visit>
 inline void for_each_live(const uint64_t (&nulls)[2], unsigned len, Visit visit) {
     for (unsigned w = 0; w < 2; ++w)
-        for (uint64_t live = ~nulls[w] & below(len, w); live; live &= live - 1)
+        for (uint64_t live = ~nulls[w] & tile_mask(len, w); live; live &= live - 1)
             visit(w * 64 + static_cast<unsigned>(std::countr_zero(live)));
 }
 
 inline unsigned live_count(const Iter *it) noexcept {
     const unsigned len = it->tile_count;
-    return len - static_cast<unsigned>(std::popcount(it->null_bitmap[0] & below(len, 0)) +
-                                       std::popcount(it->null_bitmap[1] & below(len, 1)));
+    return len - static_cast<unsigned>(std::popcount(it->null_bitmap[0] & tile_mask(len, 0)) +
+                                       std::popcount(it->null_bitmap[1] & tile_mask(len, 1)));
 }
 
 // ---- accumulation ----------------------------------------------------------------
