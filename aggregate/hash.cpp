@@ -282,9 +282,7 @@ int hash_next(Iter *it) {
     }
     it->null_bitmap[0] &= tile_mask(n, 0);
     it->null_bitmap[1] &= tile_mask(n, 1);
-    it->tile_count = static_cast<uint16_t>(n);
-    it->pos += n;
-    return QMO_SEQ_OK;
+    return deliver(it, n);
 }
 
 }  // namespace qmo::hash

@@ -32,9 +32,7 @@ int if_next(Iter *it) {
         copy_elem<E>(it, i, branch, j);
         set_null_bit(it, i, is_null(branch, j));
     }
-    it->tile_count = static_cast<uint16_t>(n);
-    it->pos += n;
-    return QMO_SEQ_OK;
+    return deliver(it, n);
 }
 
 template <class E>
@@ -54,9 +52,7 @@ int iif_next(Iter *it) {
     }
     for (unsigned i = 0; i < n; ++i)
         copy_elem<E>(it, i, (pick[i >> 6] >> (i & 63)) & 1 ? then_branch : else_branch, i);
-    it->tile_count = static_cast<uint16_t>(n);
-    it->pos += n;
-    return QMO_SEQ_OK;
+    return deliver(it, n);
 }
 
 template <class E>
@@ -139,9 +135,7 @@ int callback_next(Iter *it) {
             }
         }
     }
-    it->tile_count = static_cast<uint16_t>(n);
-    it->pos += n;
-    return QMO_SEQ_OK;
+    return deliver(it, n);
 }
 
 template <class E, bool Cond, bool Binary, bool Ctx>

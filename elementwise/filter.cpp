@@ -13,14 +13,8 @@ namespace {
 constexpr unsigned kCondCursor = 0, kValuesCursor = 1;  // filter
 constexpr unsigned kBase = 1, kCounter = 2;              // filter_pos, filter_search (cursor in word 0)
 
-int deliver(Iter *it, unsigned n) {
-    it->tile_count = static_cast<uint16_t>(n);
-    it->pos += n;
-    return QMO_SEQ_OK;
-}
-
-// Pulls `in` when its cursor has run out. 1 when the caller should stop
-// gathering and deliver what it has, a status to return, or 0 to go on.
+// Pulls `in` when its cursor has run out: Ready to go on, Deliver when the
+// input ended after something was gathered, Fail with `status` to return.
 enum class Refill { Ready, Deliver, Fail };
 Refill refill(Iter *in, uint64_t &cursor, unsigned gathered, int &status) {
     if (cursor < in->tile_count) return Refill::Ready;

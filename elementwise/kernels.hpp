@@ -52,9 +52,7 @@ int binary_next(Iter *it) noexcept {
     }
     it->null_bitmap[0] = left->null_bitmap[0] | right->null_bitmap[0];
     it->null_bitmap[1] = left->null_bitmap[1] | right->null_bitmap[1];
-    it->tile_count = static_cast<uint16_t>(n);
-    it->pos += n;
-    return QMO_SEQ_OK;
+    return deliver(it, n);
 }
 
 template <class Op, class T, class R>
@@ -75,9 +73,7 @@ int unary_next(Iter *it) noexcept {
     using R = value_t<typename Op::out>;
     unary_loop<Op>(tile<R>(it), tile<T>(input), n);
     copy_nulls(it, input);
-    it->tile_count = static_cast<uint16_t>(n);
-    it->pos += n;
-    return QMO_SEQ_OK;
+    return deliver(it, n);
 }
 
 template <class Op>

@@ -17,12 +17,6 @@ void append(Iter *to, unsigned at, const Iter *from, unsigned offset, unsigned k
     qmo_seq_copy_bitmap(to->null_bitmap, at, from->null_bitmap, offset, k);
 }
 
-int deliver(Iter *it, unsigned n) {
-    it->tile_count = static_cast<uint16_t>(n);
-    it->pos += n;
-    return QMO_SEQ_OK;
-}
-
 // End of input while gathering: what was gathered goes out with 0.
 int deliver_at_end(Iter *it, unsigned gathered, int status) {
     return gathered > 0 && status == QMO_SEQ_END ? deliver(it, gathered) : status;

@@ -46,10 +46,7 @@ int read_many(Iter *it, value_t<E> *array, uint64_t *count) {
         const unsigned end = it->tile_count;
         if (!has_nulls(it)) {
             const uint64_t take = std::min<uint64_t>(room - stored, end - k);
-            const uint64_t bytes = take * width;
-            const uint64_t ahead = stored * width + std::max<uint64_t>(kPrefetchBytes, bytes);
-            if (ahead + bytes <= room * width)
-                for (uint64_t b = 0; b < bytes; b += 64) __builtin_prefetch(out + ahead + b, 1);
+            prefetch_ahead<true>(out + stored * width, take * width, (room - stored) * width);
             std::memcpy(out + stored * width, in + size_t{k} * width, take * width);
             stored += take;
             k += static_cast<unsigned>(take);

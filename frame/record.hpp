@@ -141,6 +141,26 @@ inline void copy_nulls(Iter *to, const Iter *from) noexcept {
     to->null_bitmap[1] = from->null_bitmap[1];
 }
 
+// ---- delivery ---------------------------------------------------------------
+
+// Ends a next call that produced n elements: count and position, status 0.
+inline int deliver(Iter *it, unsigned n) noexcept {
+    it->tile_count = static_cast<uint16_t>(n);
+    it->pos += n;
+    return QMO_SEQ_OK;
+}
+
+// Asks for the `bytes` that follow the next `max(kPrefetchBytes, bytes)` of
+// a caller array, if they lie within its `bytes_left`: sources and sinks
+// stream arrays in tile-sized bursts with computation in between.
+template <bool Write>
+inline void prefetch_ahead(const void *at, size_t bytes, size_t bytes_left) noexcept {
+    const size_t ahead = bytes > kPrefetchBytes ? bytes : kPrefetchBytes;
+    if (ahead + bytes > bytes_left) return;
+    const char *from = static_cast<const char *>(at) + ahead;
+    for (size_t b = 0; b < bytes; b += 64) __builtin_prefetch(from + b, Write);
+}
+
 // ---- bindings -------------------------------------------------------------
 
 inline bool bindings_checked() noexcept { return qmo_seq_check_bindings != 0; }

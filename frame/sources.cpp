@@ -2,8 +2,6 @@
 // The record's position is the index of the next element to deliver.
 #include "frame/construct.hpp"
 
-#include <algorithm>
-
 namespace qmo {
 namespace {
 
@@ -15,30 +13,20 @@ inline unsigned next_take(const Iter *it) {
     return static_cast<unsigned>(it->last_pos + 1 - it->pos);
 }
 
-// A pull reads the array in 128-element bursts with computation in between;
-// asking for the bytes ahead keeps memory busy across those pauses.
-inline void prefetch_ahead(const char *from, size_t tile_bytes, size_t bytes_left) {
-    const size_t ahead = std::max(kPrefetchBytes, tile_bytes);
-    if (ahead + tile_bytes > bytes_left) return;
-    for (size_t b = 0; b < tile_bytes; b += 64) __builtin_prefetch(from + ahead + b);
-}
-
 template <bool Nullable>
 int unget_next(Iter *it) {
     const unsigned k = next_take(it);
     if (k == 0) return QMO_SEQ_END;
     const size_t width = it->elem_size;
     const char *from = static_cast<const char *>(it->buf) + it->pos * width;
-    prefetch_ahead(from, k * width, (it->last_pos + 1 - it->pos) * width);
+    prefetch_ahead<false>(from, k * width, (it->last_pos + 1 - it->pos) * width);
     std::memcpy(tile<char>(it), from, k * width);
     clear_nulls(it);
     if constexpr (Nullable) {
         const auto *nulls = reinterpret_cast<const uint64_t *>(static_cast<uintptr_t>(it->state[0]));
         qmo_seq_copy_bitmap(it->null_bitmap, 0, nulls, it->pos, k);
     }
-    it->tile_count = static_cast<uint16_t>(k);
-    it->pos += k;
-    return QMO_SEQ_OK;
+    return deliver(it, k);
 }
 
 int make_unget(Iter *result, int type, size_t width, const void *array, uint64_t count,
