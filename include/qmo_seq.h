@@ -443,6 +443,8 @@ QMO_SEQ_API int qmo_seq_meta_iterator_reset(qmo_seq_iterator_t *it);
     QMO_SEQ_NUMERIC_TYPES_2(QMO_SEQ_DECLARE_CONVERSION_, (t))
 QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CONVERSIONS_FROM_, )
 
+/* Text parsing and pattern matching: declarations to come. */
+
 /* ------------------------------------------------------------------------
  * Element-wise operators. Binary operators pull left then right, deliver
  * min(left count, right count) elements and OR the null bitmaps; values under
@@ -616,6 +618,10 @@ QMO_SEQ_API int qmo_seq_filter_first_pos_merge(qmo_seq_iterator_t *result, qmo_s
     QMO_SEQ_API int qmo_seq_map_##t##_next(qmo_seq_iterator_t *it);
 QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MAP_, )
 
+/* Reshaping: declarations to come. */
+
+/* Series analytics: declarations to come. */
+
 /* ------------------------------------------------------------------------
  * Scalar aggregates. Each folds its whole operand into one element (two for
  * min_max) and keeps its partial result in its own record, so that a sequence
@@ -723,6 +729,10 @@ QMO_SEQ_API int qmo_seq_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
  * here, after any merges, or 11 when the partition had none. Returns 0.
  */
 QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
+
+/* Grid, window and cumulative aggregates: declarations to come. */
+
+/* Group aggregates over runs of equal keys: declarations to come. */
 
 /* ------------------------------------------------------------------------
  * Hash aggregates: group-by over keys in any order of arrival. A constructor
@@ -846,6 +856,8 @@ QMO_SEQ_API int qmo_seq_free_hash(qmo_seq_iterator_t *it);
 QMO_SEQ_API int qmo_seq_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, qmo_seq_iterator_t *seeds);
 QMO_SEQ_API int qmo_seq_hash_next(qmo_seq_iterator_t *it);
 
+/* Top-N: declarations to come. */
+
 /* ------------------------------------------------------------------------
  * Sorting into permutations, for every numeric type t:
  *
@@ -911,6 +923,8 @@ QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_SORT_, )
 
 /** Reset of an ordering iterator that read its input: frees what it took, resets the input. */
 QMO_SEQ_API int qmo_seq_order_by_reset(qmo_seq_iterator_t *it);
+
+/* Stretch: declarations to come. */
 
 #ifdef __cplusplus
 } /* extern "C" */
