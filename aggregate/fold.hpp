@@ -18,6 +18,7 @@
 #pragma once
 
 #include "frame/construct.hpp"
+#include "frame/isa.hpp"
 
 #include <algorithm>
 #include <bit>
@@ -297,7 +298,8 @@ inline int construct_aggregate(Iter *result, const Setup &setup, int in_code, qm
 
 #define QMO_STAMP_AGGREGATE_NEXT_(op, t, tc, skeleton)                                              \
     QMO_EXPORT int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it) {                              \
-        return qmo::agg::skeleton<QMO_AGG_FAMILY_(op, tc)>(it);                                     \
+        using F = QMO_AGG_FAMILY_(op, tc);                                                          \
+        return qmo::dispatch<qmo::agg::skeleton<F>, qmo::agg::skeleton<F>>(it);                     \
     }
 
 #define QMO_STAMP_AGGREGATE_MERGE_(op, t, tc, count_word)                                           \

@@ -2,16 +2,57 @@
 // logic on uint1 (and or xor not).
 #include "elementwise/kernels.hpp"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define QMO_VECTOR_RELATION_(pd, ps)                                \
+    static __m128d holds(__m128d a, __m128d b) { return pd(a, b); } \
+    static __m128 holds(__m128 a, __m128 b) { return ps(a, b); }
+#else
+#define QMO_VECTOR_RELATION_(pd, ps)
+#endif
+
 namespace qmo::ops {
 
 // A relation is written once; char comparison applies it to the sign of
-// qmo_memcmp, since "a rel b" for bytes is "memcmp(a, b) rel 0".
-struct rel_eq { template <class T> static bool holds(T a, T b) { return a == b; } };
-struct rel_ne { template <class T> static bool holds(T a, T b) { return a != b; } };
-struct rel_lt { template <class T> static bool holds(T a, T b) { return a < b; } };
-struct rel_gt { template <class T> static bool holds(T a, T b) { return a > b; } };
-struct rel_le { template <class T> static bool holds(T a, T b) { return a <= b; } };
-struct rel_ge { template <class T> static bool holds(T a, T b) { return a >= b; } };
+// qmo_memcmp, since "a rel b" for bytes is "memcmp(a, b) rel 0". The vector
+// forms give all-ones lanes where the relation holds (NaN as the scalar form).
+#define QMO_RELATION_(name, op, pd, ps)                                                     \
+    struct name {                                                                           \
+        template <class T>                                                                  \
+        static bool holds(T a, T b) {                                                       \
+            return a op b;                                                                  \
+        }                                                                                   \
+        QMO_VECTOR_RELATION_(pd, ps)                                                        \
+    };
+QMO_RELATION_(rel_eq, ==, _mm_cmpeq_pd, _mm_cmpeq_ps)
+QMO_RELATION_(rel_ne, !=, _mm_cmpneq_pd, _mm_cmpneq_ps)
+QMO_RELATION_(rel_lt, <, _mm_cmplt_pd, _mm_cmplt_ps)
+QMO_RELATION_(rel_gt, >, _mm_cmpgt_pd, _mm_cmpgt_ps)
+QMO_RELATION_(rel_le, <=, _mm_cmple_pd, _mm_cmple_ps)
+QMO_RELATION_(rel_ge, >=, _mm_cmpge_pd, _mm_cmpge_ps)
+#undef QMO_RELATION_
+#undef QMO_VECTOR_RELATION_
+
+#if defined(__SSE2__)
+// 16 float or double comparisons as 16 bytes of 0 or 1. Lanes are all ones or
+// zero, so signed saturating packs halve them without changing their value.
+template <class Rel>
+inline __m128i compare16(const float *a, const float *b) {
+    __m128i m[4];
+    for (unsigned k = 0; k < 4; ++k) m[k] = _mm_castps_si128(Rel::holds(_mm_loadu_ps(a + 4 * k), _mm_loadu_ps(b + 4 * k)));
+    return _mm_packs_epi16(_mm_packs_epi32(m[0], m[1]), _mm_packs_epi32(m[2], m[3]));
+}
+template <class Rel>
+inline __m128i compare16(const double *a, const double *b) {
+    __m128i m[8];
+    for (unsigned k = 0; k < 8; ++k) m[k] = _mm_castpd_si128(Rel::holds(_mm_loadu_pd(a + 2 * k), _mm_loadu_pd(b + 2 * k)));
+    // Each double is two equal 32-bit halves: after two packs it is two equal bytes, one 16-bit lane.
+    const __m128i low = _mm_packs_epi16(_mm_packs_epi32(m[0], m[1]), _mm_packs_epi32(m[2], m[3]));
+    const __m128i high = _mm_packs_epi16(_mm_packs_epi32(m[4], m[5]), _mm_packs_epi32(m[6], m[7]));
+    return _mm_packs_epi16(low, high);
+}
+
+#endif
 
 // IEEE for float and double: every relation but ne is false with a NaN.
 template <class E, class Rel>
@@ -20,6 +61,25 @@ struct compare {
     using out = Bool;
     static uint8_t apply(value_t<E> a, value_t<E> b) { return Rel::holds(a, b); }
 };
+
+#if defined(__SSE2__)
+// The baseline compiler leaves a floating comparison narrowed to bytes
+// scalar. Operands and result are record tiles of 128 slots, so whole
+// 16-element steps stay inside them (slots past n are unspecified anyway).
+template <class E, class Rel>
+    requires E::is_float
+struct compare<E, Rel> {
+    using in = E;
+    using out = Bool;
+    using T = value_t<E>;
+    static uint8_t apply(T a, T b) { return Rel::holds(a, b); }
+    static void apply_sse2(uint8_t *out, const T *a, const T *b, unsigned n) {
+        const __m128i one = _mm_set1_epi8(1);
+        for (unsigned i = 0; i < n; i += 16)
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i), _mm_and_si128(compare16<Rel>(a + i, b + i), one));
+    }
+};
+#endif
 
 // Char operands must have equal widths; every byte of the width takes part.
 template <class Rel>
@@ -56,7 +116,7 @@ QMO_SEQ_COMPARISON_OPS(QMO_STAMP_COMPARISON_)
 // The logic members have no type suffix and their own next names.
 #define QMO_STAMP_LOGIC_(op)                                                                 \
     QMO_EXPORT int qmo_seq_##op##_qmo_seq_bool_next(qmo_seq_iterator_t *it) {                \
-        return qmo::binary_next<qmo::ops::logic_##op>(it);                                   \
+        return qmo::binary_entry<qmo::ops::logic_##op>(it);                                 \
     }                                                                                        \
     QMO_EXPORT int qmo_seq_##op(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,        \
                                 qmo_seq_iterator_t *right) {                                 \
@@ -68,7 +128,7 @@ QMO_STAMP_LOGIC_(or)
 QMO_STAMP_LOGIC_(xor)
 
 QMO_EXPORT int qmo_seq_not_qmo_seq_bool_next(qmo_seq_iterator_t *it) {
-    return qmo::unary_next<qmo::ops::logic_not>(it);
+    return qmo::unary_entry<qmo::ops::logic_not>(it);
 }
 QMO_EXPORT int qmo_seq_not(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {
     return qmo::construct_unary<qmo::ops::logic_not>(result, input, qmo_seq_not_qmo_seq_bool_next);

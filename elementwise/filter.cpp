@@ -3,6 +3,7 @@
 #include "elementwise/compress.hpp"
 #include "frame/bits.hpp"
 #include "frame/construct.hpp"
+#include "frame/isa.hpp"
 
 #include <algorithm>
 
@@ -235,7 +236,8 @@ QMO_EXPORT int qmo_seq_filter_reset(qmo_seq_iterator_t *it) {
 
 #define QMO_DEFINE_FILTER_(list_arg, t, ctype, code)                                                \
     QMO_EXPORT int qmo_seq_filter_##t##_next(qmo_seq_iterator_t *it) {                              \
-        return qmo::filter_next<qmo::Elem<code>>(it);                                               \
+        using E = qmo::Elem<code>;                                                                  \
+        return qmo::dispatch<qmo::filter_next<E>, qmo::filter_next<E>>(it);                         \
     }                                                                                               \
     QMO_EXPORT int qmo_seq_filter_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,         \
                                       qmo_seq_iterator_t *values) {                                 \

@@ -16,29 +16,36 @@
 #pragma once
 
 #include "frame/construct.hpp"
+#include "frame/isa.hpp"
 
 #include <algorithm>
 
 namespace qmo {
 
 // Apply a binary op over n elements. A full tile gets a constant trip count.
-template <class Op, class T, class R>
+// An op may bring its own baseline loop (apply_sse2) where the compiler
+// leaves the plain one scalar; the AVX2 build vectorises the plain one.
+template <class Op, Isa isa, class T, class R>
 inline void binary_loop(R *__restrict out, const T *__restrict a, const T *__restrict b,
                         unsigned n) noexcept {
-    if (n == kTile) {
+    if constexpr (isa == Isa::baseline && requires { Op::apply_sse2(out, a, b, n); }) {
+        Op::apply_sse2(out, a, b, n);
+    } else if (n == kTile) {
         for (unsigned i = 0; i < kTile; ++i) out[i] = Op::apply(a[i], b[i]);
     } else {
         for (unsigned i = 0; i < n; ++i) out[i] = Op::apply(a[i], b[i]);
     }
 }
 
-template <class Op>
+template <class Op, Isa isa = Isa::baseline>
 int binary_next(Iter *it) noexcept {
     Iter *left = it->operand1;
     if (int rc = left->next(left)) return rc;
+    // Read before the second pull: one record may be both operands.
+    const unsigned left_count = left->tile_count;
     Iter *right = it->operand2;
     if (int rc = right->next(right)) return rc;
-    const unsigned n = std::min(left->tile_count, right->tile_count);
+    const unsigned n = std::min<unsigned>(left_count, right->tile_count);
     if constexpr (Op::in::is_char) {
         const unsigned wa = left->elem_size, wb = right->elem_size, wo = it->elem_size;
         const char *a = tile<char>(left);
@@ -48,7 +55,7 @@ int binary_next(Iter *it) noexcept {
     } else {
         using T = value_t<typename Op::in>;
         using R = value_t<typename Op::out>;
-        binary_loop<Op>(tile<R>(it), tile<T>(left), tile<T>(right), n);
+        binary_loop<Op, isa>(tile<R>(it), tile<T>(left), tile<T>(right), n);
     }
     it->null_bitmap[0] = left->null_bitmap[0] | right->null_bitmap[0];
     it->null_bitmap[1] = left->null_bitmap[1] | right->null_bitmap[1];
@@ -64,7 +71,7 @@ inline void unary_loop(R *__restrict out, const T *__restrict a, unsigned n) noe
     }
 }
 
-template <class Op>
+template <class Op, Isa isa = Isa::baseline>
 int unary_next(Iter *it) noexcept {
     Iter *input = it->operand1;
     if (int rc = input->next(input)) return rc;
@@ -74,6 +81,16 @@ int unary_next(Iter *it) noexcept {
     unary_loop<Op>(tile<R>(it), tile<T>(input), n);
     copy_nulls(it, input);
     return deliver(it, n);
+}
+
+// The exported next functions: the kernel for the instruction set chosen at load.
+template <class Op>
+int binary_entry(Iter *it) noexcept {
+    return dispatch<binary_next<Op, Isa::baseline>, binary_next<Op, Isa::avx2>>(it);
+}
+template <class Op>
+int unary_entry(Iter *it) noexcept {
+    return dispatch<unary_next<Op, Isa::baseline>, unary_next<Op, Isa::avx2>>(it);
 }
 
 template <class Op>
@@ -101,7 +118,7 @@ int construct_unary(Iter *result, Iter *input, qmo_seq_next_fn next) noexcept {
 // `op` names both the C family and the op struct template in qmo::ops.
 #define QMO_STAMP_BINARY(op, t, ctype, code)                                                     \
     QMO_EXPORT int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it) {                           \
-        return qmo::binary_next<qmo::ops::op<qmo::Elem<code>>>(it);                              \
+        return qmo::binary_entry<qmo::ops::op<qmo::Elem<code>>>(it);                             \
     }                                                                                            \
     QMO_EXPORT int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,      \
                                       qmo_seq_iterator_t *right) {                               \
@@ -111,7 +128,7 @@ int construct_unary(Iter *result, Iter *input, qmo_seq_next_fn next) noexcept {
 
 #define QMO_STAMP_UNARY(op, t, ctype, code)                                                      \
     QMO_EXPORT int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it) {                           \
-        return qmo::unary_next<qmo::ops::op<qmo::Elem<code>>>(it);                               \
+        return qmo::unary_entry<qmo::ops::op<qmo::Elem<code>>>(it);                              \
     }                                                                                            \
     QMO_EXPORT int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {   \
         return qmo::construct_unary<qmo::ops::op<qmo::Elem<code>>>(result, input,                \

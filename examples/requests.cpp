@@ -68,36 +68,26 @@ double notional_loop(const tape::Tape &t) {
     return sum;
 }
 
-// The first position whose stamp reaches `stamp`, found by the library.
-uint64_t first_at_or_after(const tape::Tape &t, uint64_t stamp) {
-    Iter stamps, bound, reached, first;
-    qmo_seq_unget_datetime(&stamps, t.ts.data(), t.rows());
-    qmo_seq_const_datetime(&bound, stamp);
-    check(qmo_seq_ge_datetime(&reached, &stamps, &bound), "ge");
-    check(qmo_seq_filter_first_pos(&first, &reached, 1), "filter_first_pos");
-    uint64_t at = 0;
-    return qmo_seq_next_uint8(&first, &at) == QMO_SEQ_OK ? at : t.rows();
-}
-
-// Positions of the trades stamped within the price range.
-struct Window {
-    uint64_t from, till;  // inclusive positions; empty when from > till
+// Positions of the trades stamped within the price range, found by binary
+// search on the time-ordered stamps: the caller's business, as it would be
+// with any column store. Both the library and the loop aggregate that slice.
+struct Slice {
+    size_t from, count;
 };
-Window price_window(const tape::Tape &t) {
+Slice price_slice(const tape::Tape &t) {
     const TimeRange range = price_range(t);
-    const uint64_t from = first_at_or_after(t, range.from);
-    const uint64_t end = first_at_or_after(t, range.till);
-    return {from, end == 0 ? 0 : end - 1};
+    const auto from = std::lower_bound(t.ts.begin(), t.ts.end(), range.from);
+    const auto till = std::lower_bound(from, t.ts.end(), range.till);
+    return {static_cast<size_t>(from - t.ts.begin()), static_cast<size_t>(till - from)};
 }
 
 template <int (*Aggregate)(Iter *, Iter *)>
 double price_over_window(const tape::Tape &t) {
-    const Window w = price_window(t);
-    if (w.from > w.till || w.from >= t.rows()) return NAN;
-    Iter prices, range, result;
-    qmo_seq_unget_double(&prices, t.price.data(), t.rows());
-    check(qmo_seq_limit(&range, &prices, w.from, w.till), "limit");
-    check(Aggregate(&result, &range), "aggregate");
+    const Slice w = price_slice(t);
+    if (w.count == 0) return NAN;
+    Iter prices, result;
+    qmo_seq_unget_double(&prices, t.price.data() + w.from, w.count);
+    check(Aggregate(&result, &prices), "aggregate");
     return read_double(&result);
 }
 
@@ -106,15 +96,13 @@ struct Moments {
     double mean, dev;
 };
 Moments price_moments_loop(const tape::Tape &t) {
-    const TimeRange range = price_range(t);
+    const Slice w = price_slice(t);
     double s1 = 0, s2 = 0;
-    uint64_t n = 0;
-    for (size_t i = 0; i < t.rows(); ++i)
-        if (t.ts[i] >= range.from && t.ts[i] < range.till) {
-            s1 += t.price[i];
-            s2 += t.price[i] * t.price[i];
-            ++n;
-        }
+    for (size_t i = w.from; i < w.from + w.count; ++i) {
+        s1 += t.price[i];
+        s2 += t.price[i] * t.price[i];
+    }
+    const size_t n = w.count;
     if (n == 0) return {NAN, NAN};
     return {s1 / double(n), std::sqrt((s2 - s1 * s1 / double(n)) / double(n))};
 }

@@ -1,5 +1,7 @@
 #include "trade_tape.hpp"
 
+#include <algorithm>
+
 #include <bit>
 #include <cerrno>
 #include <chrono>
@@ -104,6 +106,11 @@ bool load_csv(const std::string &path, Tape &out, std::string &error) {
             error = path + ":" + std::to_string(number) + ": bad " + kColumns[column] + " value in \"" + line + "\"";
             return false;
         }
+        if (!out.ts.empty() && ts < out.ts.back()) {  // requests find time ranges by binary search
+            line[std::strcspn(line, "\r\n")] = 0;
+            error = path + ":" + std::to_string(number) + ": time stamp before the previous one in \"" + line + "\"";
+            return false;
+        }
         out.ts.push_back(ts);
         out.price.push_back(price);
         out.size.push_back(size);
@@ -182,7 +189,7 @@ bool load_columns(const std::string &dir, Tape &out, std::string &error) {
     if (!little_endian(error)) return false;
     out = Tape{};
     const char *first = nullptr;  // the column that set the row count
-    return for_each_column(out, [&](auto &column, const char *name) {
+    const bool read = for_each_column(out, [&](auto &column, const char *name) {
         const std::string path = dir + "/" + name;
         File f(std::fopen(path.c_str(), "rb"));
         if (!f) {
@@ -209,6 +216,11 @@ bool load_columns(const std::string &dir, Tape &out, std::string &error) {
         }
         return true;
     });
+    if (read && !std::is_sorted(out.ts.begin(), out.ts.end())) {  // requests find time ranges by binary search
+        error = dir + "/ts: time stamps are not in order";
+        return false;
+    }
+    return read;
 }
 
 }  // namespace tape

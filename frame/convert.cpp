@@ -40,7 +40,7 @@ struct convert {
 #define QMO_DEFINE_CONVERSION_I_(...) QMO_DEFINE_CONVERSION_II_(__VA_ARGS__)
 #define QMO_DEFINE_CONVERSION_II_(t, code, u, ucode)                                                 \
     QMO_EXPORT int qmo_seq_##t##_to_##u##_next(qmo_seq_iterator_t *it) {                             \
-        return qmo::unary_next<qmo::convert<qmo::Elem<code>, qmo::Elem<ucode>>>(it);                 \
+        return qmo::unary_entry<qmo::convert<qmo::Elem<code>, qmo::Elem<ucode>>>(it);               \
     }                                                                                                \
     QMO_EXPORT int qmo_seq_##t##_to_##u(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {     \
         return qmo::construct_unary<qmo::convert<qmo::Elem<code>, qmo::Elem<ucode>>>(                \

@@ -72,6 +72,14 @@ TEST(ElementwiseProtocol, ShorterOperandSetsTheTileAndResetReplays) {
         for (size_t i = 0; i < d.values.size(); ++i) ASSERT_EQ(d.values[i], int32_t(1000 + 2 * i));
         EXPECT_TRUE(a.pulls == 2 * left_pulls && b.pulls == 2 * right_pulls) << a.pulls << " and " << b.pulls;
     }
+    {  // one record as both operands: the left count is the one read before the second pull
+        Source<t_int4> x(iota_column(138), {}, {10, 128});
+        Iter twice;
+        ASSERT_EQ(qmo_seq_add_int4(&twice, &x.it, &x.it), 0);
+        ASSERT_EQ(twice.next(&twice), 0);
+        EXPECT_EQ(twice.tile_count, 10);
+        EXPECT_EQ(twice.values.i4[0], 20) << "over the record's current values (10..137)";
+    }
     Source<t_int4> a({1}), b({2});
     b.fail_with = 4242;
     EXPECT_EQ(run<int32_t>(qmo_seq_add_int4, &a.it, &b.it).status, 4242) << "errors pass unchanged";
@@ -116,6 +124,32 @@ TYPED_TEST(NumericFamilies, OperatorTable) {
              {fn::eq<Tag>, {0, 0, 1, 0, 0}}, {fn::ne<Tag>, {1, 1, 0, 1, 1}}, {fn::lt<Tag>, {0, 0, 0, 0, 1}},
              {fn::gt<Tag>, {1, 1, 0, 1, 0}}, {fn::le<Tag>, {0, 0, 1, 0, 1}}, {fn::ge<Tag>, {1, 1, 1, 1, 0}}})
         EXPECT_EQ((apply<uint8_t, Tag>(make, a, b)), expected);
+}
+
+// The vector kernels (16 or 32 lanes, both instruction sets) against the
+// scalar relation, over tiles of odd lengths, with NaN and signed zeros.
+TYPED_TEST(NumericFamilies, ComparisonsAgreeWithTheScalarRelationAcrossTiles) {
+    using T = V<TypeParam>;
+    using Tag = TypeParam;
+    std::vector<T> a(300), b(300);
+    for (size_t i = 0; i < a.size(); ++i) {
+        a[i] = static_cast<T>((i * 37) % 11);
+        b[i] = static_cast<T>((i * 53) % 7);
+        if constexpr (is_float_v<Tag>) {
+            if (i % 13 == 0) a[i] = std::numeric_limits<T>::quiet_NaN();
+            if (i % 17 == 0) b[i] = T(-0.0);
+        }
+    }
+    const std::pair<Binary, bool (*)(T, T)> table[] = {
+        {fn::eq<Tag>, [](T x, T y) { return x == y; }}, {fn::ne<Tag>, [](T x, T y) { return x != y; }},
+        {fn::lt<Tag>, [](T x, T y) { return x < y; }},  {fn::gt<Tag>, [](T x, T y) { return x > y; }},
+        {fn::le<Tag>, [](T x, T y) { return x <= y; }}, {fn::ge<Tag>, [](T x, T y) { return x >= y; }}};
+    for (const auto &[make, holds] : table) {
+        Source<Tag> l(a, {}, {128, 37, 100}), r(b, {}, {128, 37, 100});
+        const auto got = run<uint8_t>(make, &l.it, &r.it).values;
+        ASSERT_EQ(got.size(), a.size());
+        for (size_t i = 0; i < a.size(); ++i) ASSERT_EQ(got[i], holds(a[i], b[i]) ? 1 : 0) << "element " << i;
+    }
 }
 
 // Comparisons use the type's signedness; integers wrap in their own width.

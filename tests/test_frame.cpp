@@ -2,6 +2,8 @@
 // library's resets, and the stand-ins for the database core's functions.
 #include "support.hpp"
 
+#include "frame/isa.hpp"
+
 #include <cstddef>
 #include <random>
 
@@ -257,4 +259,18 @@ TEST(MemHelpers, CompareUnsignedBytesAndStartWithChecksOff) {
     EXPECT_GT(qmo_memcmp("ab\x80", "ab\x01", 3), 0);
     EXPECT_EQ(qmo_memcmp("abc", "abd", 2), 0);
     EXPECT_EQ(qmo_seq_check_bindings, 0) << "tests restore what they change";
+}
+
+// Kernels are picked once at load; QMO_SEQ_ISA=baseline forces the portable ones.
+TEST(Dispatch, TheEnvironmentCapsTheInstructionSet) {
+    const char *cap = std::getenv("QMO_SEQ_ISA");
+    if (cap && std::string(cap) == "baseline") {
+        EXPECT_EQ(qmo::g_isa, qmo::Isa::baseline);
+    }
+    const std::string saved = cap ? cap : "";
+    setenv("QMO_SEQ_ISA", "baseline", 1);
+    EXPECT_EQ(qmo::detect_isa(), qmo::Isa::baseline);
+    if (cap) setenv("QMO_SEQ_ISA", saved.c_str(), 1);
+    else unsetenv("QMO_SEQ_ISA");
+    EXPECT_EQ(qmo::detect_isa(), qmo::g_isa) << "the same answer as at load";
 }
