@@ -3,6 +3,7 @@
 // over int8. 10 million rows stream from memory; 16 thousand stay in cache
 // and show the per-tile overhead instead.
 #include "bench_support.hpp"
+#include "loops.hpp"
 
 #include "aggregate/distinct.hpp"
 
@@ -38,8 +39,7 @@ void sum_loop(benchmark::State &state) {
     const auto &d = column<T>();
     const size_t rows = static_cast<size_t>(state.range(0));
     for (auto _ : state) {
-        bench::sum_t<T> s = 0;
-        for (size_t i = 0; i < rows; ++i) s += d[i];
+        bench::sum_t<T> s = bench::loops::sum(d.data(), rows);
         benchmark::DoNotOptimize(s);
     }
     bench::per_element(state, rows);
@@ -50,9 +50,7 @@ void avg_loop(benchmark::State &state) {
     const auto &d = column<T>();
     const size_t rows = static_cast<size_t>(state.range(0));
     for (auto _ : state) {
-        double s = 0;
-        for (size_t i = 0; i < rows; ++i) s += static_cast<double>(d[i]);
-        double mean = s / static_cast<double>(rows);
+        double mean = bench::loops::mean(d.data(), rows);
         benchmark::DoNotOptimize(mean);
     }
     bench::per_element(state, rows);

@@ -1,6 +1,7 @@
-// Runs the benchmarks, then prints library/loop time ratios per case: each
-// case is registered as "<case>/library" and "<case>/loop" (plus arguments),
-// and may add a second baseline, "<case>/open_addressing_loop".
+// Runs the benchmarks, then prints time ratios per case: each case is
+// registered as "<case>/library" (plus arguments) beside one or more
+// yardsticks "<case>/<side>": a handwritten "loop", the same loop compiled
+// for the machine ("native_loop"), or a peer such as a standard algorithm.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -19,25 +20,22 @@ public:
             if (!median && run.run_type != Run::RT_Iteration) continue;
             // "<case>/<side>[/<args>]": the side is dropped from the case's key.
             const std::string name = run.run_name.str();
-            for (const char *side : {"library", "loop", "open_addressing_loop"}) {
-                const std::string tag = std::string("/") + side;
-                const size_t at = name.find(tag);
-                if (at == std::string::npos) continue;
-                if (at + tag.size() != name.size() && name[at + tag.size()] != '/') continue;
-                const std::string key = name.substr(0, at) + name.substr(at + tag.size());
-                times_[key][side] = run.GetAdjustedRealTime();
-            }
+            const size_t first = name.find('/');
+            if (first == std::string::npos) continue;
+            const size_t second = name.find('/', first + 1);
+            const std::string side = name.substr(first + 1, second == std::string::npos ? second : second - first - 1);
+            const std::string key = name.substr(0, first) + (second == std::string::npos ? "" : name.substr(second));
+            times_[key][side] = run.GetAdjustedRealTime();
         }
     }
     void Finalize() override {
         ConsoleReporter::Finalize();
-        std::printf("\n%-40s %12s %24s\n", "case", "library/loop", "library/open_addressing");
+        std::printf("\n%-44s %-28s %8s\n", "case", "library / yardstick", "ratio");
         for (const auto &[name, sides] : times_) {
-            const auto lib = sides.find("library"), loop = sides.find("loop"), open = sides.find("open_addressing_loop");
-            if (lib == sides.end() || loop == sides.end()) continue;
-            std::printf("%-40s %12.2f", name.c_str(), lib->second / loop->second);
-            if (open != sides.end()) std::printf(" %24.2f", lib->second / open->second);
-            std::printf("\n");
+            const auto lib = sides.find("library");
+            if (lib == sides.end()) continue;
+            for (const auto &[side, time] : sides)
+                if (side != "library") std::printf("%-44s %-28s %8.2f\n", name.c_str(), side.c_str(), lib->second / time);
         }
     }
 

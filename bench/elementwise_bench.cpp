@@ -3,6 +3,7 @@
 // rows stream from memory; 16 thousand stay in cache and show the per-tile
 // overhead instead.
 #include "bench_support.hpp"
+#include "loops.hpp"
 
 namespace {
 
@@ -45,7 +46,7 @@ void add_loop(benchmark::State &state) {
     const size_t rows = static_cast<size_t>(state.range(0));
     std::vector<T> out(rows);
     for (auto _ : state) {
-        for (size_t i = 0; i < rows; ++i) out[i] = d.a[i] + d.b[i];
+        bench::loops::add(out.data(), d.a.data(), d.b.data(), rows);
         benchmark::DoNotOptimize(out.data());
     }
     bench::per_element(state, rows);
@@ -76,7 +77,7 @@ void add_gt_loop(benchmark::State &state) {
     const size_t rows = static_cast<size_t>(state.range(0));
     std::vector<uint8_t> out(rows);
     for (auto _ : state) {
-        for (size_t i = 0; i < rows; ++i) out[i] = (d.a[i] + d.b[i]) > d.c[i];
+        bench::loops::add_gt(out.data(), d.a.data(), d.b.data(), d.c.data(), rows);
         benchmark::DoNotOptimize(out.data());
     }
     bench::per_element(state, rows);

@@ -1,6 +1,7 @@
 // filter at 1%, 50% and 99% selectivity over 10 million int4 and double
 // values, and the typical request (gt -> filter -> agg_sum) beside plain loops.
 #include "bench_support.hpp"
+#include "loops.hpp"
 
 namespace {
 
@@ -38,11 +39,7 @@ void filter_loop(benchmark::State &state) {
     const T percent = static_cast<T>(state.range(0));
     std::vector<T> out(in.size());
     for (auto _ : state) {
-        size_t k = 0;
-        for (T x : in) {
-            out[k] = x;
-            k += x < percent;
-        }
+        size_t k = bench::loops::filter_below(out.data(), in.data(), in.size(), percent);
         benchmark::DoNotOptimize(out.data());
         benchmark::DoNotOptimize(k);
     }
@@ -71,9 +68,7 @@ template <class T>
 void typical_loop(benchmark::State &state) {
     const auto &in = column<T>();
     for (auto _ : state) {
-        bench::sum_t<T> sum = 0;
-        for (T x : in)
-            if (x < T{50}) sum += x;
+        bench::sum_t<T> sum = bench::loops::sum_below(in.data(), in.size(), T{50});
         benchmark::DoNotOptimize(sum);
     }
     bench::per_element(state, in.size());
