@@ -1,6 +1,9 @@
 // Conditionals (lazy if, positional iif) and caller callbacks (func, cond,
 // func2, with and without context).
 #include "frame/construct.hpp"
+#include "frame/isa.hpp"
+
+#include <bit>
 
 #include <algorithm>
 
@@ -50,8 +53,21 @@ int iif_next(Iter *it) {
         it->null_bitmap[w] =
             ((pick[w] & then_branch->null_bitmap[w]) | (~pick[w] & else_branch->null_bitmap[w])) & tile_mask(n, w);
     }
-    for (unsigned i = 0; i < n; ++i)
-        copy_elem<E>(it, i, (pick[i >> 6] >> (i & 63)) & 1 ? then_branch : else_branch, i);
+    if constexpr (E::is_char) {
+        for (unsigned i = 0; i < n; ++i)
+            copy_elem<E>(it, i, (pick[i >> 6] >> (i & 63)) & 1 ? then_branch : else_branch, i);
+    } else {
+        // A branch-free select on the bytes vectorises; null conditions then take else.
+        using T = value_t<E>;
+        const T *t = tile<T>(then_branch), *e = tile<T>(else_branch);
+        T *out = tile<T>(it);
+        for (unsigned i = 0; i < n; ++i) out[i] = c[i] != 0 ? t[i] : e[i];
+        for (unsigned w = 0; w < 2; ++w)
+            for (uint64_t nulls = cond->null_bitmap[w] & tile_mask(n, w); nulls; nulls &= nulls - 1) {
+                const unsigned i = w * 64 + static_cast<unsigned>(std::countr_zero(nulls));
+                out[i] = e[i];
+            }
+    }
     return deliver(it, n);
 }
 
@@ -182,48 +198,50 @@ QMO_EXPORT int qmo_seq_iif_reset(qmo_seq_iterator_t *it) {
                                  qmo::Callback<qmo::Elem<code>, cond, binary, ctx>::fn>);
 
 #define QMO_DEFINE_CONDITIONALS_(list_arg, t, ctype, code)                                                      \
-    QMO_EXPORT int qmo_seq_if_##t##_next(qmo_seq_iterator_t *it) { return qmo::if_next<qmo::Elem<code>>(it); } \
-    QMO_EXPORT int qmo_seq_iif_##t##_next(qmo_seq_iterator_t *it) { return qmo::iif_next<qmo::Elem<code>>(it); } \
-    QMO_EXPORT int qmo_seq_if_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *c, qmo_seq_iterator_t *x,   \
-                                  qmo_seq_iterator_t *y) {                                               \
-        return qmo::construct_if<qmo::Elem<code>>(r, c, x, y, qmo_seq_if_##t##_next, qmo_seq_if_reset);  \
-    }                                                                                                    \
-    QMO_EXPORT int qmo_seq_iif_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *c, qmo_seq_iterator_t *x,  \
-                                   qmo_seq_iterator_t *y) {                                              \
-        return qmo::construct_if<qmo::Elem<code>>(r, c, x, y, qmo_seq_iif_##t##_next, qmo_seq_iif_reset); \
-    }                                                                                                    \
-    QMO_DEFINE_CALLBACK_(func, t, code, false, false, false)                                             \
-    QMO_DEFINE_CALLBACK_(func_ctx, t, code, false, false, true)                                          \
-    QMO_DEFINE_CALLBACK_(cond, t, code, true, false, false)                                              \
-    QMO_DEFINE_CALLBACK_(cond_ctx, t, code, true, false, true)                                           \
-    QMO_DEFINE_CALLBACK_(func2, t, code, false, true, false)                                             \
-    QMO_DEFINE_CALLBACK_(func2_ctx, t, code, false, true, true)                                          \
-    QMO_EXPORT int qmo_seq_func_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_func_##t##_fn f) { \
-        return qmo::construct_callback<qmo::Elem<code>, false, false, false>(r, a, nullptr, f, nullptr,  \
-                                                                            qmo_seq_func_##t##_next);     \
-    }                                                                                                    \
-    QMO_EXPORT int qmo_seq_func_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                    \
-                                        qmo_seq_func_ctx_##t##_fn f, void *ctx) {                        \
-        return qmo::construct_callback<qmo::Elem<code>, false, false, true>(r, a, nullptr, f, ctx,       \
-                                                                           qmo_seq_func_ctx_##t##_next);  \
-    }                                                                                                    \
-    QMO_EXPORT int qmo_seq_cond_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_cond_##t##_fn f) { \
-        return qmo::construct_callback<qmo::Elem<code>, true, false, false>(r, a, nullptr, f, nullptr,   \
-                                                                           qmo_seq_cond_##t##_next);      \
-    }                                                                                                    \
-    QMO_EXPORT int qmo_seq_cond_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                    \
-                                        qmo_seq_cond_ctx_##t##_fn f, void *ctx) {                        \
-        return qmo::construct_callback<qmo::Elem<code>, true, false, true>(r, a, nullptr, f, ctx,        \
-                                                                          qmo_seq_cond_ctx_##t##_next);   \
-    }                                                                                                    \
-    QMO_EXPORT int qmo_seq_func2_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_iterator_t *b, \
-                                     qmo_seq_func2_##t##_fn f) {                                         \
-        return qmo::construct_callback<qmo::Elem<code>, false, true, false>(r, a, b, f, nullptr,         \
-                                                                           qmo_seq_func2_##t##_next);     \
-    }                                                                                                    \
-    QMO_EXPORT int qmo_seq_func2_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_iterator_t *b, \
-                                         qmo_seq_func2_ctx_##t##_fn f, void *ctx) {                      \
-        return qmo::construct_callback<qmo::Elem<code>, false, true, true>(r, a, b, f, ctx,              \
-                                                                          qmo_seq_func2_ctx_##t##_next);  \
+    QMO_EXPORT int qmo_seq_if_##t##_next(qmo_seq_iterator_t *it) { return qmo::if_next<qmo::Elem<code>>(it); }  \
+    QMO_EXPORT int qmo_seq_iif_##t##_next(qmo_seq_iterator_t *it) {                                             \
+        return qmo::dispatch<qmo::iif_next<qmo::Elem<code>>, qmo::iif_next<qmo::Elem<code>>>(it);               \
+    }                                                                                                           \
+    QMO_EXPORT int qmo_seq_if_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *c, qmo_seq_iterator_t *x,          \
+                                  qmo_seq_iterator_t *y) {                                                      \
+        return qmo::construct_if<qmo::Elem<code>>(r, c, x, y, qmo_seq_if_##t##_next, qmo_seq_if_reset);         \
+    }                                                                                                           \
+    QMO_EXPORT int qmo_seq_iif_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *c, qmo_seq_iterator_t *x,         \
+                                   qmo_seq_iterator_t *y) {                                                     \
+        return qmo::construct_if<qmo::Elem<code>>(r, c, x, y, qmo_seq_iif_##t##_next, qmo_seq_iif_reset);       \
+    }                                                                                                           \
+    QMO_DEFINE_CALLBACK_(func, t, code, false, false, false)                                                    \
+    QMO_DEFINE_CALLBACK_(func_ctx, t, code, false, false, true)                                                 \
+    QMO_DEFINE_CALLBACK_(cond, t, code, true, false, false)                                                     \
+    QMO_DEFINE_CALLBACK_(cond_ctx, t, code, true, false, true)                                                  \
+    QMO_DEFINE_CALLBACK_(func2, t, code, false, true, false)                                                    \
+    QMO_DEFINE_CALLBACK_(func2_ctx, t, code, false, true, true)                                                 \
+    QMO_EXPORT int qmo_seq_func_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_func_##t##_fn f) {    \
+        return qmo::construct_callback<qmo::Elem<code>, false, false, false>(r, a, nullptr, f, nullptr,         \
+                                                                            qmo_seq_func_##t##_next);           \
+    }                                                                                                           \
+    QMO_EXPORT int qmo_seq_func_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                           \
+                                        qmo_seq_func_ctx_##t##_fn f, void *ctx) {                               \
+        return qmo::construct_callback<qmo::Elem<code>, false, false, true>(r, a, nullptr, f, ctx,              \
+                                                                           qmo_seq_func_ctx_##t##_next);        \
+    }                                                                                                           \
+    QMO_EXPORT int qmo_seq_cond_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_cond_##t##_fn f) {    \
+        return qmo::construct_callback<qmo::Elem<code>, true, false, false>(r, a, nullptr, f, nullptr,          \
+                                                                           qmo_seq_cond_##t##_next);            \
+    }                                                                                                           \
+    QMO_EXPORT int qmo_seq_cond_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                           \
+                                        qmo_seq_cond_ctx_##t##_fn f, void *ctx) {                               \
+        return qmo::construct_callback<qmo::Elem<code>, true, false, true>(r, a, nullptr, f, ctx,               \
+                                                                          qmo_seq_cond_ctx_##t##_next);         \
+    }                                                                                                           \
+    QMO_EXPORT int qmo_seq_func2_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_iterator_t *b,       \
+                                     qmo_seq_func2_##t##_fn f) {                                                \
+        return qmo::construct_callback<qmo::Elem<code>, false, true, false>(r, a, b, f, nullptr,                \
+                                                                           qmo_seq_func2_##t##_next);           \
+    }                                                                                                           \
+    QMO_EXPORT int qmo_seq_func2_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_iterator_t *b,   \
+                                         qmo_seq_func2_ctx_##t##_fn f, void *ctx) {                             \
+        return qmo::construct_callback<qmo::Elem<code>, false, true, true>(r, a, b, f, ctx,                     \
+                                                                          qmo_seq_func2_ctx_##t##_next);        \
     }
 QMO_SEQ_ALL_TYPES(QMO_DEFINE_CONDITIONALS_, )
