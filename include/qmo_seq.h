@@ -739,7 +739,9 @@ QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
  *   qmo_seq_grid_agg_<op>_<t>(result, input, interval), _next
  *     one element per `interval` consecutive input elements (1 or more,
  *     else 62), nulls skipped; an interval of only nulls gives a null
- *     element; the last, shorter interval is always delivered. Reset with
+ *     element; the last, shorter interval is always delivered. An operand
+ *     error is returned as it is: the open interval is kept, the intervals
+ *     that call completed are not delivered. Reset with
  *     qmo_seq_reset_unary_agg_iterator (drops the open interval).
  *     sum       int1..int8 -> int8, uint1..uint8 -> uint8 (wrapping),
  *               float, double -> double, datetime -> datetime
@@ -769,8 +771,8 @@ QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
  *
  *   qmo_seq_cum_agg_<op>_<t>(result, input), _next
  *     for every input element, the aggregate of all non-null elements up to
- *     it; a null element repeats the running sum (see var), or is null
- *     while nothing has been seen. The record's position starts at 1 and
+ *     it; a null element repeats the running result (the variances: their
+ *     running sum), or is null while nothing has been seen. The position starts at 1 and
  *     grows by one per input element. Reset with qmo_seq_reset_unary_iterator.
  *     sum       int1..int8 -> int8, uint1..uint8 -> uint8 (wrapping),
  *               float, double, datetime -> double
