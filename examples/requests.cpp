@@ -147,6 +147,47 @@ double above_level_loop(const tape::Tape &t) {
         std::count_if(t.price.begin(), t.price.end(), [](double p) { return p > kPriceLevel; }));
 }
 
+// Moving views of the price: a 20-trade moving average and EMA, and the
+// average of each run of 30,000 trades (about a minute on the generated
+// tape: grid intervals count trades, not time). The checksum adds up all
+// three result sequences.
+constexpr uint64_t kMovingTrades = 20;
+constexpr uint64_t kGridTrades = 30000;
+
+template <int (*Make)(Iter *, Iter *, uint64_t)>
+double price_series_total(const tape::Tape &t, uint64_t param) {
+    Iter prices, series, total;
+    qmo_seq_unget_double(&prices, t.price.data(), t.rows());
+    check(Make(&series, &prices, param), "price series");
+    check(qmo_seq_agg_sum_double(&total, &series), "agg_sum");
+    return read_double(&total);
+}
+double moving_price_library(const tape::Tape &t) {
+    return price_series_total<qmo_seq_window_agg_avg_double>(t, kMovingTrades) +
+           price_series_total<qmo_seq_window_agg_ema_double>(t, kMovingTrades) +
+           price_series_total<qmo_seq_grid_agg_avg_double>(t, kGridTrades);
+}
+// The window starts as 20 zeros, so the first 19 averages divide by 20 too.
+double moving_price_loop(const tape::Tape &t) {
+    const double a = 2.0 / (kMovingTrades + 1.0);
+    double ring[kMovingTrades] = {}, sum = 0, ema = 0, total = 0;
+    for (size_t i = 0; i < t.rows(); ++i) {
+        const double x = t.price[i];
+        double &slot = ring[i % kMovingTrades];
+        sum = sum - slot + x;
+        slot = x;
+        ema = i == 0 ? x : (1 - a) * ema + a * x;
+        total += sum / kMovingTrades + ema;
+    }
+    for (size_t from = 0; from < t.rows(); from += kGridTrades) {
+        const size_t till = std::min(t.rows(), from + kGridTrades);
+        double s = 0;
+        for (size_t i = from; i < till; ++i) s += t.price[i];
+        total += s / double(till - from);
+    }
+    return total;
+}
+
 const Request kAll[] = {
     {"large_size", "total size of trades above 1000", large_size_library, large_size_loop, true},
     {"notional", "notional, sum of price x size", notional_library, notional_loop, false},
@@ -157,6 +198,7 @@ const Request kAll[] = {
     {"small_trades", "trades of at most 100 shares", small_trades_library, small_trades_loop, true},
     {"top_symbols", "trades in the ten busiest symbols", top_symbols_library, top_symbols_loop, true},
     {"above_100", "trades above 100.00", above_level_library, above_level_loop, true},
+    {"moving_price", "moving, EMA and grid averages of price", moving_price_library, moving_price_loop, false},
 };
 
 }  // namespace

@@ -730,7 +730,98 @@ QMO_SEQ_API int qmo_seq_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
  */
 QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
 
-/* Grid, window and cumulative aggregates: declarations to come. */
+/* ------------------------------------------------------------------------
+ * Grid, window and cumulative aggregates: a sequence of results, one per
+ * interval of the operand (grid) or one per element (window, cumulative).
+ * Each takes an operand of its own type t (61 otherwise) and binds it; none
+ * is mergeable (prepare and merge are null).
+ *
+ *   qmo_seq_grid_agg_<op>_<t>(result, input, interval), _next
+ *     one element per `interval` consecutive input elements (1 or more,
+ *     else 62), nulls skipped; an interval of only nulls gives a null
+ *     element; the last, shorter interval is always delivered. An operand
+ *     error is returned as it is: the open interval is kept, the intervals
+ *     that call completed are not delivered. Reset with
+ *     qmo_seq_reset_unary_agg_iterator (drops the open interval).
+ *     sum       int1..int8 -> int8, uint1..uint8 -> uint8 (wrapping),
+ *               float, double -> double, datetime -> datetime
+ *     avg       -> double (datetime: truncating integer mean)
+ *     min max   -> t
+ *     var       -> double (datetime -> datetime), (s2 - s1 * s1 / n) / n
+ *     var_samp  -> double, (s2 - s1 * s1 / (n - 1)) / (n - 1), 0 for n = 1
+ *     dev dev_samp -> double, their roots
+ *
+ *   qmo_seq_window_agg_<op>_<t>(result, input, window), _next, _reset
+ *     for every input element, the aggregate of the last N = window
+ *     elements, kept in a ring of 208 bytes: N is 1..208 / sizeof(t) (208
+ *     for 1-byte types, 104, 52, 26 for 8-byte types), else 62 - and the
+ *     input is bound even then. A tile holding a null gives 703 and is not
+ *     taken into the window. Deliberately, the ring starts as N zeros: the
+ *     first N - 1 outputs aggregate the elements so far with zeros for the
+ *     missing ones, avg and var divide by N (var_samp by N - 1) from the
+ *     start, and max and min rescan the ring, zeros included, only when the
+ *     element leaving it was the extreme (max of -5, -6, -7, -8 over 3 is
+ *     0, 0, -5, -6). The own reset clears the ring and the running values.
+ *     sum       as the grid sum; a running sum, minus the leaving element, plus the new one
+ *     avg       sum / N -> double (datetime: truncating integer quotient)
+ *     var       -> double (datetime -> datetime); var_samp dev dev_samp -> double
+ *     min max   -> t
+ *     ema       -> double; the first element, then (1 - a) * e + a * x, a = 2 / (N + 1)
+ *     atr       -> double; r = (r * (m - 1) + x) / m, m = min(N, elements so far)
+ *
+ *   qmo_seq_cum_agg_<op>_<t>(result, input), _next
+ *     for every input element, the aggregate of all non-null elements up to
+ *     it; a null element repeats the running result (the variances: their
+ *     running sum), or is null while nothing has been seen. The position starts at 1 and
+ *     grows by one per input element. Reset with qmo_seq_reset_unary_iterator.
+ *     sum       int1..int8 -> int8, uint1..uint8 -> uint8 (wrapping),
+ *               float, double, datetime -> double
+ *     prd       as sum, but datetime -> datetime
+ *     min max   -> t
+ *     avg       -> double; deliberately weighted by the position: the
+ *               element at index j (from 0, nulls counted) gives
+ *               e = (e * (j + 1) + x) / (j + 2), so 1, 2 gives 1, 4/3
+ *     var var_samp dev dev_samp
+ *               int1..int8 -> int8, uint1..uint8 -> uint8, float, double
+ *               -> double, datetime -> datetime. Deliberately, with d = j + 2:
+ *               var = (s2 - s1 * s1 / d) / d, var_samp divides by d - 1 in
+ *               both places, dev and dev_samp take the root; the first value
+ *               gives 0. For integers s1 and s2 are 64-bit sums of the values
+ *               and of their squares formed in the element's own width
+ *               (wrapping), s1 * s1 / d is an integer quotient, the rest is
+ *               double and the result is truncated. After the first value a
+ *               null element gives s1, not a variance.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_GRID_AGGREGATE_OPS(X) \
+    X(sum) X(avg) X(min) X(max) X(var) X(var_samp) X(dev) X(dev_samp)
+#define QMO_SEQ_WINDOW_AGGREGATE_OPS(X) \
+    X(sum) X(avg) X(min) X(max) X(var) X(var_samp) X(dev) X(dev_samp) X(ema) X(atr)
+#define QMO_SEQ_CUM_AGGREGATE_OPS(X) \
+    X(sum) X(avg) X(prd) X(min) X(max) X(var) X(var_samp) X(dev) X(dev_samp)
+
+/** Bytes of a window aggregate's ring: the largest window is this over the element size. */
+#define QMO_SEQ_WINDOW_RING_BYTES 208
+
+#define QMO_SEQ_DECLARE_GRID_AGG_(op, t, ctype, code)                                               \
+    QMO_SEQ_API int qmo_seq_grid_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, \
+                                                uint64_t interval);                                  \
+    QMO_SEQ_API int qmo_seq_grid_agg_##op##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_WINDOW_AGG_(op, t, ctype, code)                                               \
+    QMO_SEQ_API int qmo_seq_window_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, \
+                                                  uint64_t window);                                    \
+    QMO_SEQ_API int qmo_seq_window_agg_##op##_##t##_next(qmo_seq_iterator_t *it);                     \
+    QMO_SEQ_API int qmo_seq_window_agg_##op##_##t##_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_CUM_AGG_(op, t, ctype, code)                                              \
+    QMO_SEQ_API int qmo_seq_cum_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input); \
+    QMO_SEQ_API int qmo_seq_cum_agg_##op##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_GRID_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_GRID_AGG_, op)
+#define QMO_SEQ_DECLARE_WINDOW_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_WINDOW_AGG_, op)
+#define QMO_SEQ_DECLARE_CUM_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CUM_AGG_, op)
+
+QMO_SEQ_GRID_AGGREGATE_OPS(QMO_SEQ_DECLARE_GRID_OP_)
+QMO_SEQ_WINDOW_AGGREGATE_OPS(QMO_SEQ_DECLARE_WINDOW_OP_)
+QMO_SEQ_CUM_AGGREGATE_OPS(QMO_SEQ_DECLARE_CUM_OP_)
 
 /* Group aggregates over runs of equal keys: declarations to come. */
 

@@ -47,6 +47,13 @@ QMO_SEQ_ARITHMETIC_OPS(TEST_FAMILY_) QMO_SEQ_COMPARISON_OPS(TEST_FAMILY_) QMO_SE
 QMO_SEQ_AGGREGATE_OPS(TEST_FAMILY_) QMO_SEQ_PAIR_AGGREGATE_OPS(TEST_FAMILY_) TEST_FAMILY_(agg_min_max)
 TEST_FAMILY_(hash_agg_max) TEST_FAMILY_(hash_agg_min) TEST_FAMILY_(hash_agg_sum) TEST_FAMILY_(hash_agg_avg)
 TEST_FAMILY_(get) TEST_FAMILY_(get_nullable) TEST_FAMILY_(unget_nullable) TEST_FAMILY_(sort) TEST_FAMILY_(order_by)
+#define TEST_GRID_(op) TEST_FAMILY_(grid_agg_##op)
+#define TEST_WINDOW_(op) TEST_FAMILY_(window_agg_##op)
+#define TEST_CUM_(op) TEST_FAMILY_(cum_agg_##op)
+QMO_SEQ_GRID_AGGREGATE_OPS(TEST_GRID_) QMO_SEQ_WINDOW_AGGREGATE_OPS(TEST_WINDOW_) QMO_SEQ_CUM_AGGREGATE_OPS(TEST_CUM_)
+#undef TEST_GRID_
+#undef TEST_WINDOW_
+#undef TEST_CUM_
 #undef TEST_FAMILY_
 #undef TEST_FN_
 }  // namespace fn
@@ -253,6 +260,19 @@ inline double element(const Iter *it, unsigned i) {
 #undef TEST_ELEMENT_
     }
     return std::nan("");
+}
+
+// Drains a numeric sequence of any type, each element as a double.
+inline Drained<double> drain_numbers(Iter *it) {
+    Drained<double> d;
+    for (int k = 0; k < 1 << 16 && (d.status = it->next(it)) == 0; ++k) {
+        d.tiles.push_back(it->tile_count);
+        for (unsigned i = 0; i < it->tile_count; ++i) {
+            d.values.push_back(element(it, i));
+            d.nulls.push_back((it->null_bitmap[i / 64] >> (i % 64)) & 1);
+        }
+    }
+    return d;
 }
 
 }  // namespace test
