@@ -23,6 +23,12 @@ struct top_pos_min { static constexpr bool max = false, positions = true; };
 inline constexpr unsigned kNWord = 0;  // state word of n
 inline constexpr unsigned kRun = 64;   // values tested at once against the last kept one
 
+// An unsigned counter as wide as T: counting compares then stays in one vector width.
+template <class T>
+using Counter = std::conditional_t<sizeof(T) == 1, uint8_t,
+                                   std::conditional_t<sizeof(T) == 2, uint16_t,
+                                                      std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>>>;
+
 template <bool Max, class T>
 inline bool better(T a, T b) {
     if constexpr (Max) return a > b;
@@ -74,7 +80,7 @@ struct Kept {
             const unsigned to = std::min(len, from + kRun);
             if (full()) {
                 const T last = values[n - 1];
-                unsigned entrants = 0;
+                Counter<T> entrants = 0;
                 for (unsigned i = from; i < to; ++i) entrants += better<Max>(x[i], last);
                 if (entrants == 0) continue;
             }
