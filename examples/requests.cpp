@@ -186,6 +186,45 @@ double moving_price_loop(const tape::Tape &t) {
         total += s / double(till - from);
     }
     return total;
+// The ten largest trades by size and their positions, earlier trades first
+// among equal sizes. Checksum: the sum over ranks r = 1..10 of r x (size +
+// position), so that both lists and their order count.
+constexpr unsigned kTopTrades = 10;
+
+double top_trades_checksum(const int32_t *sizes, const uint64_t *positions, size_t n) {
+    double sum = 0;
+    for (size_t r = 0; r < n; ++r) sum += double(r + 1) * (double(sizes[r]) + double(positions[r]));
+    return sum;
+}
+
+// One pass for the positions; the sizes are then read from the column.
+double top_trades_library(const tape::Tape &t) {
+    Iter sizes, top;
+    qmo_seq_unget_int4(&sizes, t.size.data(), t.rows());
+    check(qmo_seq_top_pos_max_int4(&top, &sizes, kTopTrades), "top_pos_max");
+    uint64_t positions[kTopTrades], n = kTopTrades;
+    const int status = qmo_seq_get_uint8(&top, positions, &n);
+    if (status != QMO_SEQ_END) check(status, "reading the positions");
+    int32_t largest[kTopTrades];
+    for (size_t r = 0; r < n; ++r) largest[r] = t.size[positions[r]];
+    return top_trades_checksum(largest, positions, n);
+}
+double top_trades_loop(const tape::Tape &t) {
+    int32_t largest[kTopTrades];
+    uint64_t positions[kTopTrades];
+    size_t k = 0;
+    for (size_t i = 0; i < t.rows(); ++i) {
+        const int32_t s = t.size[i];
+        if (k == kTopTrades && s <= largest[k - 1]) continue;
+        size_t j = k < kTopTrades ? k++ : k - 1;
+        for (; j > 0 && largest[j - 1] < s; --j) {
+            largest[j] = largest[j - 1];
+            positions[j] = positions[j - 1];
+        }
+        largest[j] = s;
+        positions[j] = i;
+    }
+    return top_trades_checksum(largest, positions, k);
 }
 
 const Request kAll[] = {
@@ -199,6 +238,7 @@ const Request kAll[] = {
     {"top_symbols", "trades in the ten busiest symbols", top_symbols_library, top_symbols_loop, true},
     {"above_100", "trades above 100.00", above_level_library, above_level_loop, true},
     {"moving_price", "moving, EMA and grid averages of price", moving_price_library, moving_price_loop, false},
+    {"top_trades", "ten largest trades and their positions", top_trades_library, top_trades_loop, true},
 };
 
 }  // namespace

@@ -947,7 +947,55 @@ QMO_SEQ_API int qmo_seq_free_hash(qmo_seq_iterator_t *it);
 QMO_SEQ_API int qmo_seq_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, qmo_seq_iterator_t *seeds);
 QMO_SEQ_API int qmo_seq_hash_next(qmo_seq_iterator_t *it);
 
-/* Top-N: declarations to come. */
+/* ------------------------------------------------------------------------
+ * Top-N: the n largest or smallest non-null values of a whole sequence, or
+ * their positions, in one tile. For every numeric type t, with n at most
+ * QMO_SEQ_TILE_SIZE (62 otherwise, checked after the input is bound):
+ *
+ *   qmo_seq_top_max_<t>(result, input, n)      -> t, largest first
+ *   qmo_seq_top_min_<t>(result, input, n)      -> t, smallest first
+ *   qmo_seq_top_pos_max_<t>(result, input, n)  -> uint8, the input positions
+ *   qmo_seq_top_pos_min_<t>(result, input, n)     (counted from 0, nulls
+ *                                                  included) of those values
+ *
+ * The first pull consumes the input and delivers the list; every later pull
+ * returns 11. Among equal values the earlier arrival ranks first: top_max of
+ * 5, 7, 7 with n = 2 is 7, 7, at positions 1, 2. Nulls are skipped. An input
+ * with no non-null value, or n = 0, gives 11 at the first pull. An input
+ * error after values were kept is returned, and the list kept so far stays in
+ * the tile. float and double compare with their own < and >: a NaN is never
+ * better than a kept value, so it enters only a list that is not yet full.
+ * Nothing is allocated.
+ *
+ * Partial result (value members): the kept list is the record's own tile,
+ * best first, values[0 .. tile_count), tile_count = pos = the number kept,
+ * null bitmap clear; state[0] holds n. Partitioned evaluation as for the
+ * scalar aggregates: qmo_seq_prepare_aggregate on each partition, then
+ * qmo_seq_top_<max|min>_<t>_merge(into, from) for the others, then one next,
+ * which hands out the merged list (11 if it is empty). The merge walks both
+ * ranked lists together and keeps a value found in both only once
+ * ([9, 5] merged with [9, 4], n = 3, is [9, 5, 4]), unlike a single pass,
+ * which keeps equal values. The position members are not mergeable: their
+ * prepare and merge slots are null.
+ *
+ * Reset: qmo_seq_reset_unary_iterator (the input is rewound and the next
+ * pull computes the list afresh).
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_TOP_OPS(X) X(top_max) X(top_min)
+#define QMO_SEQ_TOP_POS_OPS(X) X(top_pos_max) X(top_pos_min)
+
+#define QMO_SEQ_DECLARE_TOP_(op, t, ctype, code)                                                   \
+    QMO_SEQ_API int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,      \
+                                       uint64_t n);                                                \
+    QMO_SEQ_API int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_MERGED_TOP_(op, t, ctype, code) \
+    QMO_SEQ_DECLARE_TOP_(op, t, ctype, code) QMO_SEQ_DECLARE_MERGE_(op, t, ctype, code)
+#define QMO_SEQ_DECLARE_NUMERIC_TOP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MERGED_TOP_, op)
+#define QMO_SEQ_DECLARE_NUMERIC_TOP_POS_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_TOP_, op)
+
+QMO_SEQ_TOP_OPS(QMO_SEQ_DECLARE_NUMERIC_TOP_)
+QMO_SEQ_TOP_POS_OPS(QMO_SEQ_DECLARE_NUMERIC_TOP_POS_)
 
 /* ------------------------------------------------------------------------
  * Sorting into permutations, for every numeric type t:

@@ -54,6 +54,7 @@ QMO_SEQ_GRID_AGGREGATE_OPS(TEST_GRID_) QMO_SEQ_WINDOW_AGGREGATE_OPS(TEST_WINDOW_
 #undef TEST_GRID_
 #undef TEST_WINDOW_
 #undef TEST_CUM_
+TEST_FAMILY_(top_max) TEST_FAMILY_(top_min) TEST_FAMILY_(top_pos_max) TEST_FAMILY_(top_pos_min)
 #undef TEST_FAMILY_
 #undef TEST_FN_
 }  // namespace fn
