@@ -59,16 +59,18 @@ struct Place {
 };
 
 // The source's tile is used up: pull the next tile of stamps and, with it,
-// the values. Empty tiles are passed over.
+// the values, and move the state words onto their first element. Empty
+// tiles are passed over. (The state words, not the caller's locals, so that
+// those never have their address taken and stay in registers.)
 template <class TS, class E>
-[[gnu::noinline]] int refill(Iter *it, Place<TS, E> &at) noexcept {
+[[gnu::noinline]] int refill(Iter *it) noexcept {
     Iter *stamps = it->operand2, *values = it->operand3;
     for (;;) {
         const int rc = stamps->next(stamps);
         if (rc == QMO_SEQ_END) {
-            at.exhausted = true;
-            at.null = false;
-            at.current = load<value_t<E>>(it, kFiller);
+            it->state[kExhausted] = 1;
+            it->state[kCurrentNull] = 0;
+            it->state[kCurrent] = it->state[kFiller];
             return QMO_SEQ_OK;
         }
         if (rc) return rc;
@@ -77,12 +79,33 @@ template <class TS, class E>
         // The values' own status is not passed on: they must keep step with the stamps.
         if (values->next(values) != QMO_SEQ_OK || values->tile_count != count) return QMO_SEQ_LENGTH_MISMATCH;
         if (count == 0) continue;
-        at.index = 0;
-        at.boundary = tile<value_t<TS>>(stamps)[0];
-        at.current = tile<value_t<E>>(values)[0];
-        at.null = is_null(values, 0);
+        it->state[kIndex] = 0;
+        store(it, kBoundary, tile<value_t<TS>>(stamps)[0]);
+        store(it, kCurrent, tile<value_t<E>>(values)[0]);
+        it->state[kCurrentNull] = is_null(values, 0);
         return QMO_SEQ_OK;
     }
+}
+
+// Targets i.. of the tile while the source stays inside its tile: returns n,
+// or the target that moved past the tile's last element.
+template <bool Nulls, class At, class S, class T>
+[[gnu::always_inline]] inline unsigned carry(At &at, const S *t, unsigned i, unsigned n, const S *ss,
+                                             const T *vs, const Iter *values, unsigned count, T *out,
+                                             uint64_t *nulls) noexcept {
+    for (; i < n; ++i) {
+        // At most one source element per target element, by design: a
+        // target that skips source stamps leaves the source lagging.
+        if (t[i] >= at.boundary) {
+            if (++at.index >= count) return i;
+            at.boundary = ss[at.index];
+            at.current = vs[at.index];
+            if constexpr (Nulls) at.null = is_null(values, at.index);
+        }
+        out[i] = at.current;
+        if constexpr (Nulls) nulls[i >> 6] |= uint64_t{at.null} << (i & 63);
+    }
+    return n;
 }
 
 template <class TS, class E>
@@ -101,28 +124,20 @@ int stretch_next(Iter *it) noexcept {
     uint64_t nulls[2] = {0, 0};
     Place<TS, E> at(it);
     unsigned i = 0;
-    if (!at.exhausted) {
-        unsigned count = stamps->tile_count;
-        for (; i < n; ++i) {
-            // At most one source element per target element, by design: a
-            // target that skips source stamps leaves the source lagging.
-            if (t[i] >= at.boundary) {
-                if (++at.index < count) {
-                    at.boundary = ss[at.index];
-                    at.current = vs[at.index];
-                    at.null = is_null(values, at.index);
-                } else {
-                    if (int rc = refill(it, at)) {
-                        at.save(it);
-                        return rc;
-                    }
-                    if (at.exhausted) break;
-                    count = stamps->tile_count;
-                }
-            }
-            out[i] = at.current;
-            nulls[i >> 6] |= uint64_t{at.null} << (i & 63);
-        }
+    while (!at.exhausted && i < n) {
+        // Null bits are tracked only while the values' tile has any.
+        const unsigned count = stamps->tile_count;
+        i = at.null || has_nulls(values) ? carry<true>(at, t, i, n, ss, vs, values, count, out, nulls)
+                                         : carry<false>(at, t, i, n, ss, vs, values, count, out, nulls);
+        if (i == n) break;
+        // Target i has used up the source's tile.
+        at.save(it);
+        if (int rc = refill<TS, E>(it)) return rc;
+        at = Place<TS, E>(it);
+        if (at.exhausted) break;
+        out[i] = at.current;
+        nulls[i >> 6] |= uint64_t{at.null} << (i & 63);
+        ++i;
     }
     // Past the source's end: the filler, never null.
     const T filler = load<T>(it, kFiller);
