@@ -227,6 +227,53 @@ double top_trades_loop(const tape::Tape &t) {
     return top_trades_checksum(largest, positions, k);
 }
 
+// A one-second price series (each second's closing price: the last trade
+// before the second's end) carried back onto the trade time stamps, summed.
+// The series is sampled from the tape by binary search, so it costs little
+// next to the carrying; after its last second the filler 0 applies.
+struct Seconds {
+    std::vector<uint64_t> ts;
+    std::vector<double> close;
+};
+constexpr uint64_t kSecond = 1000000;
+Seconds closing_prices(const tape::Tape &t) {
+    Seconds s;
+    if (t.rows() == 0) return s;
+    for (uint64_t end = t.ts.front() / kSecond * kSecond + kSecond; end <= t.ts.back() + kSecond; end += kSecond) {
+        const size_t after = std::lower_bound(t.ts.begin(), t.ts.end(), end) - t.ts.begin();
+        s.ts.push_back(end);
+        s.close.push_back(t.price[after ? after - 1 : 0]);
+    }
+    return s;
+}
+double second_close_library(const tape::Tape &t) {
+    const Seconds s = closing_prices(t);
+    Iter trades, seconds, closes, carried, sum;
+    qmo_seq_unget_datetime(&trades, t.ts.data(), t.rows());
+    qmo_seq_unget_datetime(&seconds, s.ts.data(), s.ts.size());
+    qmo_seq_unget_double(&closes, s.close.data(), s.close.size());
+    check(qmo_seq_stretch_datetime_double(&carried, &trades, &seconds, &closes, 0.0), "stretch");
+    check(qmo_seq_agg_sum_double(&sum, &carried), "agg_sum");
+    return t.rows() ? read_double(&sum) : 0;
+}
+// The same advance rule by two pointers: a trade at or past the current
+// second's end moves on by one second (at most one per trade).
+double second_close_loop(const tape::Tape &t) {
+    const Seconds s = closing_prices(t);
+    uint64_t boundary = 0;
+    size_t k = 0;
+    double current = 0, sum = 0;
+    for (uint64_t ts : t.ts) {
+        if (k <= s.ts.size() && ts >= boundary) {
+            current = k < s.ts.size() ? s.close[k] : 0.0;
+            boundary = k < s.ts.size() ? s.ts[k] : 0;
+            ++k;
+        }
+        sum += current;
+    }
+    return sum;
+}
+
 const Request kAll[] = {
     {"large_size", "total size of trades above 1000", large_size_library, large_size_loop, true},
     {"notional", "notional, sum of price x size", notional_library, notional_loop, false},
@@ -239,6 +286,8 @@ const Request kAll[] = {
     {"above_100", "trades above 100.00", above_level_library, above_level_loop, true},
     {"moving_price", "moving, EMA and grid averages of price", moving_price_library, moving_price_loop, false},
     {"top_trades", "ten largest trades and their positions", top_trades_library, top_trades_loop, true},
+    {"second_close", "second closes carried onto the trades", second_close_library,
+     second_close_loop, false},
 };
 
 }  // namespace

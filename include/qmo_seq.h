@@ -1063,7 +1063,50 @@ QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_SORT_, )
 /** Reset of an ordering iterator that read its input: frees what it took, resets the input. */
 QMO_SEQ_API int qmo_seq_order_by_reset(qmo_seq_iterator_t *it);
 
-/* Stretch: declarations to come. */
+/* ------------------------------------------------------------------------
+ * Stretch: a value sequence stamped by coarse time stamps (the source),
+ * carried over a finer time axis (the target). qmo_seq_stretch_<ts>_<t>
+ * (result, target, source, values, filler) takes target and source stamps of
+ * type ts (uint4, uint8 or datetime), values of type t (any numeric type) and
+ * a filler of type t; next qmo_seq_stretch_<ts>_<t>_next, reset
+ * qmo_seq_stretch_<ts>_<t>_reset. 61 for an operand of the wrong type, 701 if
+ * any of the three is bound; then all three are bound.
+ *
+ * One element per target stamp T. The source keeps a boundary, starting at
+ * 0: when T >= boundary the source moves on by exactly one element and the
+ * boundary becomes that element's stamp. So the first target always takes
+ * source value 0; value k is held while T < stamp k, and a target equal to
+ * stamp k takes value k + 1. The source moves at most one element per target
+ * element: where the target skips source stamps, the source lags behind.
+ * Once the source stamps end, every further target gets the filler (never
+ * null); the result ends with the target. A null source value gives null
+ * for every target that holds it.
+ *
+ * next: 703 for a null target or source stamp; 702 when the values pull
+ * fails (whatever its status) or delivers another tile length than the
+ * source stamps'; other statuses are passed on. After an error the state is
+ * undefined until reset. Reset rewinds the values (a non-zero status is
+ * returned at once), then the target and source stamps, and starts over.
+ * Nothing is allocated.
+ * ---------------------------------------------------------------------- */
+
+/** The time-stamp types of alignment operators. */
+#define QMO_SEQ_TIMESTAMP_TYPES(X, a)             \
+    X(a, uint4, uint32_t, QMO_SEQ_TYPE_UINT4)     \
+    X(a, uint8, uint64_t, QMO_SEQ_TYPE_UINT8)     \
+    X(a, datetime, uint64_t, QMO_SEQ_TYPE_DATETIME)
+
+#define QMO_SEQ_DECLARE_STRETCH_(ts, t, ctype, code) QMO_SEQ_DECLARE_STRETCH_I_(QMO_SEQ_EXPAND ts, t, ctype)
+#define QMO_SEQ_DECLARE_STRETCH_I_(...) QMO_SEQ_DECLARE_STRETCH_II_(__VA_ARGS__)
+#define QMO_SEQ_DECLARE_STRETCH_II_(ts, t, ctype)                                                    \
+    QMO_SEQ_API int qmo_seq_stretch_##ts##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *target, \
+                                               qmo_seq_iterator_t *source, qmo_seq_iterator_t *values, \
+                                               ctype filler);                                         \
+    QMO_SEQ_API int qmo_seq_stretch_##ts##_##t##_next(qmo_seq_iterator_t *it);                       \
+    QMO_SEQ_API int qmo_seq_stretch_##ts##_##t##_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_STRETCHES_OVER_(a, ts, tsctype, tscode) \
+    QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_STRETCH_, (ts))
+QMO_SEQ_TIMESTAMP_TYPES(QMO_SEQ_DECLARE_STRETCHES_OVER_, )
 
 #ifdef __cplusplus
 } /* extern "C" */

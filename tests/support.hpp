@@ -275,5 +275,32 @@ inline Drained<double> drain_numbers(Iter *it) {
     }
     return d;
 }
+// ---- stretch: two type parameters ---------------------------------------------------
+
+// A (time-stamp type, value type) pair of tags.
+template <class TsTag, class Tag>
+struct Pair {
+    using ts = TsTag;
+    using tag = Tag;
+};
+
+namespace fn {
+template <class TsTag, class Tag>
+inline constexpr auto stretch = nullptr;
+#define TEST_STRETCH_FN_(ts, t, ctype, code) \
+    template <>                              \
+    inline constexpr auto stretch<t_##ts, t_##t> = qmo_seq_stretch_##ts##_##t;
+#define TEST_STRETCH_OVER_(a, ts, tsctype, tscode) QMO_SEQ_NUMERIC_TYPES(TEST_STRETCH_FN_, ts)
+QMO_SEQ_TIMESTAMP_TYPES(TEST_STRETCH_OVER_, )
+#undef TEST_STRETCH_OVER_
+#undef TEST_STRETCH_FN_
+}  // namespace fn
+
+// Every time-stamp type with every numeric value type (33 pairs).
+#define TEST_PAIR_(ts, t, ctype, code) , Pair<t_##ts, t_##t>
+#define TEST_PAIRS_OVER_(a, ts, tsctype, tscode) QMO_SEQ_NUMERIC_TYPES(TEST_PAIR_, ts)
+using StretchTypes = DropFirst<void QMO_SEQ_TIMESTAMP_TYPES(TEST_PAIRS_OVER_, )>::type;
+#undef TEST_PAIRS_OVER_
+#undef TEST_PAIR_
 
 }  // namespace test
