@@ -88,6 +88,9 @@ inline Mask run_starts(const Iter *keys, uint64_t *last_key) noexcept {
 
 inline Mask range_mask(unsigned i, unsigned j) noexcept { return low_bits(j) & ~low_bits(i); }
 
+// Runs shorter than this on average are walked element by element.
+inline constexpr unsigned kShortRun = 8;
+
 // The value operands come first, the keys last.
 template <class F>
 inline Iter *keys_of(Iter *it) noexcept {
@@ -100,7 +103,7 @@ inline Iter *keys_of(Iter *it) noexcept {
 template <class F>
 struct Walk {
     uint64_t present, length, cursor;
-    Mask starts;  // run starts at or after the cursor not yet passed
+    Mask starts;  // where the key tile's runs start
     typename F::acc acc;
 
     explicit Walk(const Iter *it) {
@@ -149,14 +152,24 @@ int run_next(Iter *it) {
     unsigned k = 0;
     clear_nulls(it);
 
-    // Closes the open run into slot k.
-    auto emit = [&] {
-        if (!F::emit(w.acc, w.present, w.length, &out[k])) {
+    // Emits a run's result into slot k.
+    auto close = [&](const typename F::acc &acc, uint64_t present, uint64_t length) {
+        if (!F::emit(acc, present, length, &out[k])) {
             out[k] = R{};
             set_null(it, k);
         }
         ++k;
+    };
+    auto emit = [&] {
+        close(w.acc, w.present, w.length);
         w.present = 0;
+    };
+
+    // The output is full: the run starting at key i waits for the next call.
+    auto full = [&](unsigned i) {
+        w.cursor = i;
+        w.save(it);
+        return deliver(it, kTile);
     };
 
     for (;;) {
@@ -177,21 +190,61 @@ int run_next(Iter *it) {
         bool dense = true;
         for (unsigned o = 0; o < F::values; ++o) dense &= !(mask_of(v[o]->null_bitmap) & low_bits(n));
         auto i = static_cast<unsigned>(w.cursor);
-        for (;;) {
-            const unsigned j = w.starts ? lowest_bit(w.starts) : n;
-            if (j > i) {
-                F::fold(w.acc, w.present, v, i, j, dense);
-                w.length += j - i;
+        // A start at the cursor may already have closed its run (length 0).
+        Mask rest = w.starts & ~low_bits(i);
+        if (dense && rest == range_mask(i, n)) {
+            // Every key starts a run, which closes at the next key: a map.
+            if (w.length) {
+                emit();
+                w.length = 0;
+                if (k == kTile) return full(i);
             }
-            if (j == n) break;
-            w.starts &= w.starts - 1;
-            if (w.length) emit();
-            w.length = 0;
-            i = j;
-            if (k == kTile) {
-                w.cursor = j;
-                w.save(it);
-                return deliver(it, kTile);
+            const unsigned closed = std::min(n - 1 - i, kTile - k);
+            for (unsigned l = i; l < i + closed; ++l) {
+                typename F::acc acc;
+                uint64_t present = 0;
+                F::fold(acc, present, v, l, l + 1, true);
+                close(acc, present, 1);
+            }
+            i += closed;
+            if (k == kTile) return full(i);
+            F::fold(w.acc, w.present, v, i, n, true);
+            w.length = 1;
+        } else if (dense && bit_count(rest) * kShortRun > n - i) {
+            // Many short runs: element by element, as a handwritten loop would.
+            // (The run's state in locals, which the compiler keeps in registers.)
+            const uint64_t starts[2] = {static_cast<uint64_t>(rest), static_cast<uint64_t>(rest >> 64)};
+            typename F::acc acc = w.acc;
+            uint64_t present = w.present, length = w.length;
+            for (; i < n; ++i) {
+                if ((starts[i >> 6] >> (i & 63)) & 1 && length) {
+                    close(acc, present, length);
+                    present = length = 0;
+                    if (k == kTile) break;
+                }
+                F::fold(acc, present, v, i, i + 1, true);
+                ++length;
+            }
+            w.acc = acc;
+            w.present = present;
+            w.length = length;
+            if (i < n) return full(i);
+        } else {
+            // Few long runs: each stretch between starts folded at once.
+            for (;;) {
+                const unsigned j = rest ? lowest_bit(rest) : n;
+                if (j > i) {
+                    F::fold(w.acc, w.present, v, i, j, dense);
+                    w.length += j - i;
+                }
+                if (j == n) break;
+                rest &= rest - 1;
+                i = j;
+                if (w.length) {
+                    emit();
+                    w.length = 0;
+                    if (k == kTile) return full(i);
+                }
             }
         }
         w.cursor = n;
