@@ -823,7 +823,78 @@ QMO_SEQ_GRID_AGGREGATE_OPS(QMO_SEQ_DECLARE_GRID_OP_)
 QMO_SEQ_WINDOW_AGGREGATE_OPS(QMO_SEQ_DECLARE_WINDOW_OP_)
 QMO_SEQ_CUM_AGGREGATE_OPS(QMO_SEQ_DECLARE_CUM_OP_)
 
-/* Group aggregates over runs of equal keys: declarations to come. */
+/* ------------------------------------------------------------------------
+ * Group aggregates over runs of equal keys. A group is a run of adjacent
+ * equal keys: keys 1,1,2,2,2,1 form three groups, the two runs of key 1
+ * staying apart (unordered keys are the hash aggregates' business). One
+ * result element per run, in run order; a run may span any number of tiles.
+ *
+ *   qmo_seq_group_agg_<op>_<t>(result, values, keys), _next   every numeric t
+ *     sum       int1..int8 -> int8, uint1..uint8 -> uint8 (64-bit, wrapping),
+ *               float, double -> double, datetime -> datetime
+ *     avg       -> double (sum in double); datetime -> datetime (truncating
+ *               integer mean)
+ *     min max first last  -> t: the smallest, largest, first and last non-null
+ *               value of the run
+ *     var var_samp dev dev_samp -> double, from sums of x and x squared, with
+ *               the scalar aggregates' formulas (var_samp divides by n - 1 in
+ *               both places, and is 0 for one value)
+ *   qmo_seq_group_agg_wavg_<t>(result, weights, values, keys), _next -> double:
+ *     sum of weight * value (multiplied and summed in double) over sum of
+ *     weight (a 64-bit integer for integer t), over the positions where neither
+ *     is null
+ *   qmo_seq_group_agg_count(result, keys), _next -> uint8: the run's length
+ *   qmo_seq_group_agg_approxdc(result, values, keys), _next -> uint4: distinct
+ *     non-null values of the run, by the sketch of qmo_seq_agg_approxdc (values
+ *     of any type); qmo_seq_group_agg_approxdc_hash takes values that are
+ *     uint4 hashes already (61 otherwise)
+ *
+ * Keys may be of any type and width and are compared as integers of their
+ * width (bytes for char keys), so float keys compare by bits. Only the values
+ * are type-checked (61). Every operand is checked (701) and bound, except
+ * that the approximate distinct counts check and bind the values only.
+ *
+ * Deliberately: a run is emitted only when the next run starts or the keys
+ * end, so a tile's last run always arrives in a later pull (129 runs of one
+ * key each give 128 results, then 1, then 11); a run whose values are all
+ * null yields a null element, not a gap (count never does). A null key is
+ * 703. Keys are pulled before values, and a values tile of another length
+ * than its key tile is 702; values that outlast the keys are never read.
+ * After an error the caller resets the tree. Nothing is allocated, and the
+ * records are not partitioned (prepare and merge stay null).
+ *
+ * State words: 2 values folded into the open run, 3 the run's length (0: no
+ * run open), 4 the read position in the key tile - the three the aggregate
+ * resets clear, so a reset leaves no run open; 5-20 the accumulators, 21-24
+ * the last key read, 25-26 where the key tile's runs start. Reset:
+ * qmo_seq_reset_binary_agg_iterator; count uses the unary and wavg the
+ * ternary form, so that exactly the member's operands are rewound.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_GROUP_AGGREGATE_OPS(X) \
+    X(sum) X(avg) X(min) X(max) X(first) X(last) X(var) X(var_samp) X(dev) X(dev_samp)
+
+#define QMO_SEQ_DECLARE_GROUP_AGGREGATE_(op, t, ctype, code)                                            \
+    QMO_SEQ_API int qmo_seq_group_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values, \
+                                                 qmo_seq_iterator_t *keys);                              \
+    QMO_SEQ_API int qmo_seq_group_agg_##op##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_GROUP_WAVG_(a, t, ctype, code)                                                   \
+    QMO_SEQ_API int qmo_seq_group_agg_wavg_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *weights,   \
+                                               qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys);     \
+    QMO_SEQ_API int qmo_seq_group_agg_wavg_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_NUMERIC_GROUP_AGGREGATE_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_GROUP_AGGREGATE_, op)
+
+QMO_SEQ_GROUP_AGGREGATE_OPS(QMO_SEQ_DECLARE_NUMERIC_GROUP_AGGREGATE_)
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_GROUP_WAVG_, )
+
+QMO_SEQ_API int qmo_seq_group_agg_count(qmo_seq_iterator_t *result, qmo_seq_iterator_t *keys);
+QMO_SEQ_API int qmo_seq_group_agg_count_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_group_agg_approxdc(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,
+                                           qmo_seq_iterator_t *keys);
+QMO_SEQ_API int qmo_seq_group_agg_approxdc_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_group_agg_approxdc_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,
+                                                qmo_seq_iterator_t *keys);
+QMO_SEQ_API int qmo_seq_group_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
 
 /* ------------------------------------------------------------------------
  * Hash aggregates: group-by over keys in any order of arrival. A constructor
