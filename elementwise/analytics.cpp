@@ -278,53 +278,74 @@ struct HistogramState {
 
 // Bin of x in [low, high): floor((x - low) * bins / (high - low)). Integers
 // take the difference in their own width, unsigned, so it is exact whatever
-// the signs; 8-byte ranges whose product with bins would not fit in 64 bits
-// multiply in 128 bits.
-template <class E, bool Wide = false>
+// the signs. Up to 4 bytes the quotient is taken in double, where it is
+// exact (the product is below 2^39, the quotient below 128) and far cheaper
+// than a 64-bit division; 8-byte ranges whose product with bins would not
+// fit in 64 bits multiply in 128 bits.
+template <class E>
 struct Binner {
     using T = value_t<E>;
-    using D = std::conditional_t<(sizeof(T) <= 4), uint32_t, uint64_t>;
     T low, high;
     uint64_t bins;
+    double dlow, drange, dbins, dlast;  // converted once, not per element
 
-    bool inside(T x) const noexcept { return x >= low && x < high; }  // NaN is outside
-    uint64_t operator()(T x) const noexcept {
+    explicit Binner(const HistogramState<E> &s) noexcept
+        : low(s.low), high(s.high), bins(static_cast<uint64_t>(s.bins)), dlow(static_cast<double>(s.low)),
+          drange(static_cast<double>(s.high) - dlow), dbins(static_cast<double>(s.bins)),
+          dlast(static_cast<double>(s.bins - 1)) {}
+
+    bool inside(T x) const noexcept { return (x >= low) & (x < high); }  // NaN is outside
+
+    template <bool Wide>
+    uint32_t operator()(T x) const noexcept {
         if constexpr (E::is_float) {
-            const double q = (static_cast<double>(x) - static_cast<double>(low)) * static_cast<double>(bins) /
-                             (static_cast<double>(high) - static_cast<double>(low));
-            // Rounding can land x just below high in bin `bins`; infinite bounds give NaN.
-            return q < static_cast<double>(bins) ? static_cast<uint64_t>(q) : bins - 1;
+            const double q = (static_cast<double>(x) - dlow) * dbins / drange;
+            // Rounding can land x just below high in bin `bins`; an infinite low gives NaN.
+            return static_cast<uint32_t>(static_cast<int32_t>(q < dlast ? q : dlast));
+        } else if constexpr (sizeof(T) <= 4) {
+            const uint32_t d = static_cast<uint32_t>(x) - static_cast<uint32_t>(low);
+            const uint32_t range = static_cast<uint32_t>(high) - static_cast<uint32_t>(low);
+            const double q = static_cast<double>(d) * dbins / static_cast<double>(range);
+            return static_cast<uint32_t>(static_cast<int32_t>(q));
         } else {
-            const auto d = static_cast<D>(static_cast<D>(x) - static_cast<D>(low));
-            const auto range = static_cast<D>(static_cast<D>(high) - static_cast<D>(low));
-            if constexpr (Wide) {
-                __extension__ using U128 = unsigned __int128;
-                return static_cast<uint64_t>(U128{d} * bins / range);
-            } else {
-                return uint64_t{d} * bins / range;
-            }
+            const uint64_t d = static_cast<uint64_t>(x) - static_cast<uint64_t>(low);
+            const uint64_t range = static_cast<uint64_t>(high) - static_cast<uint64_t>(low);
+            __extension__ using U128 = unsigned __int128;
+            if constexpr (Wide) return static_cast<uint32_t>(U128{d} * bins / range);
+            else return static_cast<uint32_t>(d * bins / range);
         }
     }
     // Whether an 8-byte range needs the 128-bit product.
     bool wide() const noexcept {
         if constexpr (E::is_float || sizeof(T) <= 4) return false;
-        else return static_cast<uint64_t>(static_cast<uint64_t>(high) - static_cast<uint64_t>(low)) > ~uint64_t{0} / bins;
+        else return static_cast<uint64_t>(high) - static_cast<uint64_t>(low) > ~uint64_t{0} / bins;
     }
 };
 
-// Counts one tile into counts; false at the first element outside the range.
+// Four interleaved sets of counts: a run of equal bins, common in a series,
+// then does not wait on one counter.
+using Counts = uint64_t[4][kTile];
+
+// Counts one tile; false when an element lies outside the range.
 template <class E, bool Wide>
-bool count_tile(const Binner<E> &b, const Iter *in, uint64_t *counts) noexcept {
+bool count_tile(const Binner<E> &bin, const Iter *in, Counts &counts) noexcept {
     using T = value_t<E>;
-    const Binner<E, Wide> bin{b.low, b.high, b.bins};
     const T *x = tile<T>(in);
     const unsigned n = in->tile_count;
-    const bool nulls = nulls_in_tile(in);
-    for (unsigned i = 0; i < n; ++i) {
-        if (nulls && is_null(in, i)) continue;
-        if (!bin.inside(x[i])) return false;
-        ++counts[bin(x[i])];
+    if (nulls_in_tile(in)) {
+        for (unsigned i = 0; i < n; ++i) {
+            if (is_null(in, i)) continue;
+            if (!bin.inside(x[i])) return false;
+            ++counts[0][bin.template operator()<Wide>(x[i])];
+        }
+        return true;
     }
+    unsigned outside = 0;
+    for (unsigned i = 0; i < n; ++i) outside |= !bin.inside(x[i]);
+    if (outside) return false;
+    uint32_t index[kTile];
+    for (unsigned i = 0; i < n; ++i) index[i] = bin.template operator()<Wide>(x[i]);
+    for (unsigned i = 0; i < n; ++i) ++counts[i & 3][index[i]];
     return true;
 }
 
@@ -332,10 +353,9 @@ template <class E>
 int histogram_next(Iter *it) noexcept {
     if (it->pos != 0) return QMO_SEQ_END;
     const auto s = load<HistogramState<E>>(it);
-    const Binner<E> bin{s.low, s.high, static_cast<uint64_t>(s.bins)};
+    const Binner<E> bin(s);
     const bool wide = bin.wide();
-    uint64_t *counts = tile<uint64_t>(it);
-    std::fill_n(counts, bin.bins, uint64_t{0});
+    Counts counts = {};
     Iter *in = it->operand1;
     int rc;
     while ((rc = in->next(in)) == 0) {
@@ -343,6 +363,8 @@ int histogram_next(Iter *it) noexcept {
         if (!ok) return QMO_SEQ_INVALID_ARGUMENT;
     }
     // The counts go out once, whatever ended the input; only its end is not an error.
+    uint64_t *out = tile<uint64_t>(it);
+    for (unsigned b = 0; b < bin.bins; ++b) out[b] = counts[0][b] + counts[1][b] + counts[2][b] + counts[3][b];
     clear_nulls(it);
     it->tile_count = static_cast<uint16_t>(bin.bins);
     it->pos = bin.bins;
