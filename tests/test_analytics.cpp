@@ -28,37 +28,23 @@ std::vector<V<Tag>> walk(size_t n) {
     return v;
 }
 
+// Sign changes (cross) or turns (extrema) as positions; a kind filters
+// only the first 128, deliberately.
 template <class T>
-int sign(T x) {
-    if constexpr (std::is_unsigned_v<T>) return x != 0;
-    else return (x > 0) - (x < 0);
-}
-
-// Sign changes or turns as positions; the kind filters only the first 128.
-template <class T>
-std::vector<double> model_cross(const std::vector<T> &v, int kind) {
+std::vector<double> model_positions(const std::vector<T> &v, int kind, bool cross) {
     std::vector<double> out;
-    int last = 0;
-    size_t run = 0;
-    for (size_t i = 0; i < v.size(); ++i) {
-        const int s = sign(v[i]);
-        if (s == last) continue;
-        if (s == 0) { ++run; continue; }
-        if (last != 0 && (kind == 0 || s == kind || out.size() >= 128)) out.push_back(double(i - run));
+    int last = 0;  // sign or direction
+    for (size_t i = !cross, run = 0; i < v.size(); ++i) {
+        const T base = cross ? T(0) : v[i - 1];
+        const int s = (v[i] > base) - (base > v[i]);
+        if (s == last || (s == 0 && !cross)) continue;
+        if (s == 0) {
+            ++run;
+            continue;
+        }
+        if (last != 0 && (kind == 0 || (cross ? s : last) == kind || out.size() >= 128))
+            out.push_back(double(cross ? i - run : i - 1));
         run = 0, last = s;
-    }
-    return out;
-}
-
-template <class T>
-std::vector<double> model_extrema(const std::vector<T> &v, int kind) {
-    std::vector<double> out;
-    int dir = 0;
-    for (size_t i = 1; i < v.size(); ++i) {
-        const int s = (v[i] > v[i - 1]) - (v[i - 1] > v[i]);
-        if (s == 0 || s == dir) continue;
-        if (dir != 0 && (kind == 0 || dir == kind || out.size() >= 128)) out.push_back(double(i - 1));
-        dir = s;
     }
     return out;
 }
@@ -92,10 +78,10 @@ std::vector<Case> cases(const std::vector<V<Tag>> &v) {
     };
     for (int kind : {0, 1, -1}) {
         out.push_back({"extrema " + std::to_string(kind), [kind](Iter *r, Iter *in) { return fn::extrema<Tag>(r, in, kind); },
-                       model_extrema(v, kind)});
+                       model_positions(v, kind, false)});
         if (!std::is_unsigned_v<T> || std::is_same_v<Tag, t_datetime>)
             out.push_back({"cross " + std::to_string(kind), [kind](Iter *r, Iter *in) { return fn::cross<Tag>(r, in, kind); },
-                           model_cross(v, kind)});
+                           model_positions(v, kind, true)});
     }
     return out;
 }
@@ -131,11 +117,9 @@ TYPED_TEST_SUITE(Analytics, NumericTypes);
 
 TYPED_TEST(Analytics, MatchModelAcrossTilesAndAfterReset) {
     const auto v = walk<TypeParam>(5000);
-    // Filtered, still more than one tile: the filter's end shows.
-    ASSERT_GT(model_extrema(v, 1).size(), 128u);
-    if (!std::is_unsigned_v<V<TypeParam>>) {
-        ASSERT_GT(model_cross(v, 1).size(), 128u);
-    }
+    // Filtered, still more than one tile: where the kind stops filtering shows.
+    ASSERT_GT(model_positions(v, 1, false).size(), 128u);
+    ASSERT_TRUE(std::is_unsigned_v<V<TypeParam>> || model_positions(v, 1, true).size() > 128);
     for (const Case &c : cases<TypeParam>(v)) {
         for (const std::vector<unsigned> &tiles : {std::vector<unsigned>{128}, {5, 128, 1, 77, 127}}) {
             SCOPED_TRACE(c.name + (tiles.size() > 1 ? ", odd tiles" : ""));
@@ -213,18 +197,17 @@ TEST(AnalyticsQuirks, EdgeRows) {
     }
 }
 
-// With a kind, only the first tile delivered is filtered.
+// With a kind, only the first tile is filtered: upward crossings at 2, 4,
+// ..., 256, then every crossing; minima at 1, 3, ..., 255, then every turn.
 TEST(AnalyticsQuirks, KindFiltersTheFirstTileOnly) {
     std::vector<int32_t> zigzag(600);
     for (size_t i = 0; i < zigzag.size(); ++i) zigzag[i] = i % 2 ? -1 : 1;
-    // Upward crossings at 2, 4, ..., then every one up to 599; minima at 1, 3, ..., then every turn up to 598.
-    for (auto [make, first, last] : {std::tuple<Make, double, double>{[](Iter *r, Iter *x) { return qmo_seq_cross_int4(r, x, 1); }, 2, 599},
-                                     {[](Iter *r, Iter *x) { return qmo_seq_extrema_int4(r, x, -1); }, 1, 598}}) {
-        const auto got = run_over<t_int4>(make, zigzag).first;
-        const double filtered_last = first + 2 * 127;
-        ASSERT_EQ(got.size(), 128 + size_t(last - filtered_last));
-        for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], i < 128 ? first + 2 * i : filtered_last + double(i - 127)) << i;
-    }
+    const auto up = run_over<t_int4>([](Iter *r, Iter *x) { return qmo_seq_cross_int4(r, x, 1); }, zigzag).first;
+    const auto minima = run_over<t_int4>([](Iter *r, Iter *x) { return qmo_seq_extrema_int4(r, x, -1); }, zigzag).first;
+    ASSERT_EQ(up.size(), 128u + 599 - 256);
+    ASSERT_EQ(minima.size(), 128u + 598 - 255);
+    for (size_t i = 0; i < up.size(); ++i) ASSERT_EQ(up[i], i < 128 ? 2.0 * (i + 1) : double(i + 129)) << i;
+    for (size_t i = 0; i < minima.size(); ++i) ASSERT_EQ(minima[i], i < 128 ? 2.0 * i + 1 : double(i + 128)) << i;
 }
 
 // The first pass skips by the record's own bitmap: clear at first, then the
@@ -250,9 +233,19 @@ TEST(AnalyticsQuirks, OperandErrors) {
     EXPECT_EQ(hist.last_pos, 1u);
     EXPECT_EQ(hist.next(&hist), 52);
     EXPECT_EQ(hist.tile_count, 2);
-    EXPECT_EQ(hist.values.u8[0], 100u);
-    EXPECT_EQ(hist.values.u8[1], 28u);
+    EXPECT_EQ(std::vector<uint64_t>(hist.values.u8, hist.values.u8 + 2), (std::vector<uint64_t>{100, 28}));
     EXPECT_EQ(hist.next(&hist), QMO_SEQ_END);
     EXPECT_EQ(cross.next(&cross), 52);
     EXPECT_EQ(cross.tile_count, 0);
+}
+
+// Ranges as wide as the type: 32-bit differences, and 8-byte products with
+// bins past 64 bits. Bins 0, 63, 64 and 127 of 128.
+TEST(AnalyticsQuirks, HistogramOverTheWholeRange) {
+    std::vector<double> want(128);
+    want[0] = want[63] = want[64] = want[127] = 1;
+    const auto h4 = [](Iter *r, Iter *x) { return qmo_seq_histogram_int4(r, x, INT32_MIN, INT32_MAX, 128); };
+    const auto h8 = [](Iter *r, Iter *x) { return qmo_seq_histogram_int8(r, x, INT64_MIN, INT64_MAX, 128); };
+    EXPECT_EQ(run_over<t_int4>(h4, {INT32_MIN, -1, 0, INT32_MAX - 1}).first, want);
+    EXPECT_EQ(run_over<t_int8>(h8, {INT64_MIN, -1, 0, INT64_MAX - 1}).first, want);
 }
