@@ -271,6 +271,64 @@ double second_close_loop(const tape::Tape &t) {
         }
         sum += current;
     }
+// Price direction changes and the spread of sizes, as one checksum: the
+// turns of the price's trend, its crossings of the 100.00 level, and a
+// 64-bin histogram of sizes between their extremes (bin b weighted b + 1).
+constexpr int64_t kSizeBins = 64;
+
+double direction_library(const tape::Tape &t) {
+    const uint64_t n = t.rows();
+    Iter prices, trend, changes, still, changed, turns;
+    qmo_seq_unget_double(&prices, t.price.data(), n);
+    qmo_seq_const_int1(&still, 0);
+    check(qmo_seq_trend_double(&trend, &prices), "trend");
+    check(qmo_seq_diff_int1(&changes, &trend), "diff");
+    check(qmo_seq_ne_int1(&changed, &changes, &still), "ne");
+    check(qmo_seq_agg_sum_uint1(&turns, &changed), "agg_sum");
+
+    Iter prices_again, level, offset, crossings, crossing_count;
+    qmo_seq_unget_double(&prices_again, t.price.data(), n);
+    qmo_seq_const_double(&level, kPriceLevel);
+    check(qmo_seq_sub_double(&offset, &prices_again, &level), "sub");
+    check(qmo_seq_cross_double(&crossings, &offset, 0), "cross");
+    check(qmo_seq_agg_count(&crossing_count, &crossings), "agg_count");
+    double sum = static_cast<double>(read_uint8(&turns) + read_uint8(&crossing_count));
+
+    Iter sizes, bounds, sizes_again, histogram;
+    int32_t extremes[2];
+    uint64_t found = 2, counts[kSizeBins], bins = kSizeBins;
+    qmo_seq_unget_int4(&sizes, t.size.data(), n);
+    check(qmo_seq_agg_min_max_int4(&bounds, &sizes), "agg_min_max");
+    if (qmo_seq_get_int4(&bounds, extremes, &found) != QMO_SEQ_OK) return sum;  // no trades
+    qmo_seq_unget_int4(&sizes_again, t.size.data(), n);
+    check(qmo_seq_histogram_int4(&histogram, &sizes_again, extremes[0], extremes[1] + 1, kSizeBins), "histogram");
+    check(qmo_seq_get_uint8(&histogram, counts, &bins), "reading the histogram");
+    for (uint64_t b = 0; b < bins; ++b) sum += static_cast<double>(counts[b] * (b + 1));
+    return sum;
+}
+double direction_loop(const tape::Tape &t) {
+    uint64_t turns = 0, crossings = 0;
+    int trend = 0, side = 0;
+    for (size_t i = 0; i < t.rows(); ++i) {
+        const double p = t.price[i];
+        const int moved = i == 0 ? 0 : (p > t.price[i - 1]) - (p < t.price[i - 1]);
+        if (moved != 0 && moved != trend) {  // the first movement changes the trend too
+            ++turns;
+            trend = moved;
+        }
+        const int now = (p > kPriceLevel) - (p < kPriceLevel);
+        if (now != 0 && now != side) {
+            crossings += side != 0;
+            side = now;
+        }
+    }
+    double sum = static_cast<double>(turns + crossings);
+    if (t.rows() == 0) return sum;
+    const auto [low, high] = std::minmax_element(t.size.begin(), t.size.end());
+    uint64_t counts[kSizeBins] = {};
+    const auto range = static_cast<uint64_t>(static_cast<int64_t>(*high) + 1 - *low);
+    for (int32_t s : t.size) ++counts[static_cast<uint64_t>(static_cast<int64_t>(s) - *low) * kSizeBins / range];
+    for (uint64_t b = 0; b < kSizeBins; ++b) sum += static_cast<double>(counts[b] * (b + 1));
     return sum;
 }
 
@@ -288,6 +346,7 @@ const Request kAll[] = {
     {"top_trades", "ten largest trades and their positions", top_trades_library, top_trades_loop, true},
     {"second_close", "second closes carried onto the trades", second_close_library,
      second_close_loop, false},
+    {"direction", "direction changes, size histogram", direction_library, direction_loop, true},
 };
 
 }  // namespace

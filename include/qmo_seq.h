@@ -620,7 +620,71 @@ QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MAP_, )
 
 /* Reshaping: declarations to come. */
 
-/* Series analytics: declarations to come. */
+/* ------------------------------------------------------------------------
+ * Series analytics, for every numeric type t; one operand each, of type t
+ * (else 61). Next functions are qmo_seq_<op>_<t>_next.
+ *
+ *   qmo_seq_diff_<t>(result, input)            t: x[i] - x[i-1], integers
+ *       wrapping; the first element gives 0
+ *   qmo_seq_trend_<t>(result, input)           int1: 1 where the series
+ *       rises, -1 where it falls; an unchanged element repeats the last
+ *       direction (0 before the first movement)
+ *   qmo_seq_cross_<t>(result, input, kind)     uint8 positions where the
+ *       sign changes between positive and negative; a change through zeros
+ *       is reported where the zeros began. kind 1: upward, -1: downward,
+ *       0: both. The uint1..uint8 members return 57 (datetime is accepted).
+ *       Deliberately, a run of zeros after which the series keeps its sign
+ *       still counts at the next change: that change is reported as many
+ *       positions earlier as the run was long
+ *   qmo_seq_extrema_<t>(result, input, kind)   uint8 positions of turning
+ *       points, a plateau reported at its last element. kind 1: maxima,
+ *       -1: minima, 0: both
+ *   qmo_seq_norm_<t>(result, input)            double: x / sqrt(sum of x * x)
+ *       over the whole input, which is read once to its end and reset
+ *       before the results are pulled; nulls keep their place. Deliberately,
+ *       the sum skips elements by the result's own null bitmap as it stands
+ *       (clear after construction; after a reset, that of the last tile
+ *       delivered), not by the input's
+ *   qmo_seq_histogram_<t>(result, input, low, high, bins)
+ *       uint8: one tile of bins counts (1..128, else 62; high must exceed
+ *       low, else 62, checked after the type and before the binding);
+ *       element x counts in bin floor((x - low) * bins / (high - low)), in
+ *       64-bit integers or, for float and double, in double; nulls are
+ *       skipped. An element outside [low, high) (NaN included) ends the
+ *       pull with 62 and nothing is delivered. An input error other than
+ *       11 is returned with the counts in the tile. last_pos is bins - 1
+ *
+ * diff, trend, cross and extrema refuse null elements with 703. cross and
+ * extrema gather positions into full tiles; the tile in which the input
+ * ends is delivered with 0 and the following call returns 11; an error
+ * drops what was gathered. Deliberately, their kind filter applies only to
+ * the first tile they deliver: every later change or turn is reported,
+ * whatever the kind.
+ *
+ * Resets: diff, trend, norm and histogram use the unary reset;
+ * qmo_seq_cross_reset_iterator clears the sign, zero run, end flag and
+ * cursor, and qmo_seq_extrema_<t>_reset_iterator the cursor, end flag and
+ * direction, before the unary reset.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_ANALYTICS_(a, t, ctype, code)                                              \
+    QMO_SEQ_DECLARE_UNARY_(diff, t, ctype, code)                                                    \
+    QMO_SEQ_DECLARE_UNARY_(trend, t, ctype, code)                                                   \
+    QMO_SEQ_DECLARE_UNARY_(norm, t, ctype, code)                                                    \
+    QMO_SEQ_API int qmo_seq_cross_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,       \
+                                      int32_t kind);                                               \
+    QMO_SEQ_API int qmo_seq_cross_##t##_next(qmo_seq_iterator_t *it);                              \
+    QMO_SEQ_API int qmo_seq_extrema_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,     \
+                                        int32_t kind);                                             \
+    QMO_SEQ_API int qmo_seq_extrema_##t##_next(qmo_seq_iterator_t *it);                            \
+    QMO_SEQ_API int qmo_seq_extrema_##t##_reset_iterator(qmo_seq_iterator_t *it);                  \
+    QMO_SEQ_API int qmo_seq_histogram_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,   \
+                                          ctype low, ctype high, int64_t bins);                    \
+    QMO_SEQ_API int qmo_seq_histogram_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_ANALYTICS_, )
+
+/** Reset of qmo_seq_cross_<t>: sign, zero run, end flag and cursor cleared, then the unary reset. */
+QMO_SEQ_API int qmo_seq_cross_reset_iterator(qmo_seq_iterator_t *it);
 
 /* ------------------------------------------------------------------------
  * Scalar aggregates. Each folds its whole operand into one element (two for
