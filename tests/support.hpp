@@ -47,6 +47,7 @@ QMO_SEQ_ARITHMETIC_OPS(TEST_FAMILY_) QMO_SEQ_COMPARISON_OPS(TEST_FAMILY_) QMO_SE
 QMO_SEQ_AGGREGATE_OPS(TEST_FAMILY_) QMO_SEQ_PAIR_AGGREGATE_OPS(TEST_FAMILY_) TEST_FAMILY_(agg_min_max)
 TEST_FAMILY_(hash_agg_max) TEST_FAMILY_(hash_agg_min) TEST_FAMILY_(hash_agg_sum) TEST_FAMILY_(hash_agg_avg)
 TEST_FAMILY_(get) TEST_FAMILY_(get_nullable) TEST_FAMILY_(unget_nullable) TEST_FAMILY_(sort) TEST_FAMILY_(order_by)
+TEST_FAMILY_(thin) TEST_FAMILY_(repeat) TEST_FAMILY_(reverse) TEST_FAMILY_(unique) TEST_FAMILY_(unget)
 #undef TEST_FAMILY_
 #undef TEST_FN_
 }  // namespace fn
