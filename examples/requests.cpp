@@ -159,6 +159,25 @@ double above_level_loop(const tape::Tape &t) {
         std::count_if(t.price.begin(), t.price.end(), [](double p) { return p > kPriceLevel; }));
 }
 
+// Symbol changes in a sample of the tape: every 10th trade, then the runs of
+// one symbol collapsed, counted.
+constexpr uint64_t kSampleEvery = 10;
+
+double sampled_symbol_changes_library(const tape::Tape &t) {
+    Iter symbols, sample, changes, count;
+    qmo_seq_unget_uint2(&symbols, t.symbol.data(), t.rows());
+    check(qmo_seq_thin_uint2(&sample, &symbols, 0, kSampleEvery), "thin");
+    check(qmo_seq_unique_uint2(&changes, &sample), "unique");
+    check(qmo_seq_agg_count(&count, &changes), "agg_count");
+    return static_cast<double>(read_uint8(&count));
+}
+double sampled_symbol_changes_loop(const tape::Tape &t) {
+    uint64_t runs = 0;
+    for (size_t i = 0; i < t.rows(); i += kSampleEvery)
+        runs += i == 0 || t.symbol[i] != t.symbol[i - kSampleEvery];
+    return static_cast<double>(runs);
+}
+
 const Request kAll[] = {
     {"large_size", "total size of trades above 1000", large_size_library, large_size_loop, true},
     {"notional", "notional, sum of price x size", notional_library, notional_loop, false},
@@ -169,6 +188,8 @@ const Request kAll[] = {
     {"small_trades", "trades of at most 100 shares", small_trades_library, small_trades_loop, true},
     {"top_symbols", "trades in the ten busiest symbols", top_symbols_library, top_symbols_loop, true},
     {"above_100", "trades above 100.00", above_level_library, above_level_loop, true},
+    {"sampled_symbol_runs", "symbol runs in every 10th trade", sampled_symbol_changes_library,
+     sampled_symbol_changes_loop, true},
 };
 
 }  // namespace
