@@ -7,6 +7,7 @@
 #include "frame/readers.hpp"
 
 #include <algorithm>
+#include <bit>
 
 namespace qmo {
 namespace {
@@ -21,10 +22,6 @@ constexpr unsigned kAt = 0, kLast = 1;       // unique: input cursor, last value
 // was gathered, anything else is returned and the gathered elements dropped.
 inline int end_gather(Iter *it, unsigned k, int status) {
     return status == QMO_SEQ_END && k > 0 ? deliver(it, k) : status;
-}
-
-inline void set_null_run(Iter *it, unsigned from, unsigned n) {
-    for (unsigned i = from; i < from + n; ++i) set_null(it, i);
 }
 
 template <class E>
@@ -82,20 +79,34 @@ int make_thin(Iter *result, Iter *input, uint64_t origin, uint64_t step, qmo_seq
 
 // ---- repeat ------------------------------------------------------------------------
 
+// Places copies from `src`, element e of which `done` copies are out, into
+// slots k .. k + m - 1 of the output: a running index, no division.
+template <class T, bool Nulls>
+void repeat_copies(Iter *it, unsigned k, unsigned m, const Iter *in, unsigned &e, uint64_t &done, uint64_t n) {
+    const T *src = tile<T>(in);
+    T *out = tile<T>(it);
+    for (const unsigned end = k + m; k < end; ++k) {
+        out[k] = src[e];
+        if constexpr (Nulls) set_null_bit(it, k, is_null(in, e));
+        const bool next = ++done == n;
+        e += next;
+        done = next ? 0 : done;
+    }
+}
+
 // The cursor runs over 0 .. n * (input tile length) - 1; slot k takes input
-// element cursor / n. Runs of copies are placed whole, so the division is
-// taken once per input tile and output tile, not per element.
+// element cursor / n.
 template <class E>
 int repeat_next(Iter *it) {
     using T = value_t<E>;
     Iter *in = it->operand1;
     const uint64_t n = it->state[kTimes];
     uint64_t cursor = it->state[kCursor];
-    T *out = tile<T>(it);
     clear_nulls(it);
     unsigned k = 0;
     while (k < kTile) {
-        if (cursor >= n * in->tile_count) {
+        const uint64_t total = n * in->tile_count;
+        if (cursor >= total) {
             if (int rc = in->next(in)) {
                 it->state[kCursor] = cursor;
                 return end_gather(it, k, rc);
@@ -103,23 +114,13 @@ int repeat_next(Iter *it) {
             cursor = 0;
             continue;
         }
-        const T *src = tile<T>(in);
-        const unsigned length = in->tile_count;
-        unsigned e = static_cast<unsigned>(cursor / n);
-        uint64_t done = cursor % n;  // copies of element e already placed
-        const bool nulls = has_nulls(in);
-        while (k < kTile && e < length) {
-            const auto c = static_cast<unsigned>(std::min<uint64_t>(n - done, kTile - k));
-            std::fill_n(out + k, c, src[e]);
-            if (nulls && is_null(in, e)) set_null_run(it, k, c);
-            k += c;
-            done += c;
-            if (done == n) {
-                done = 0;
-                ++e;
-            }
-        }
-        cursor = e * n + done;
+        const auto m = static_cast<unsigned>(std::min<uint64_t>(kTile - k, total - cursor));
+        auto e = static_cast<unsigned>(cursor / n);
+        uint64_t done = cursor % n;
+        if (has_nulls(in)) repeat_copies<T, true>(it, k, m, in, e, done, n);
+        else repeat_copies<T, false>(it, k, m, in, e, done, n);
+        k += m;
+        cursor += m;
     }
     it->state[kCursor] = cursor;
     return deliver(it, k);
@@ -246,6 +247,19 @@ int reverse_reset(Iter *it, qmo_seq_next_fn next) {
 
 // ---- unique ------------------------------------------------------------------------
 
+// keep ? a : b, without a branch for floating values too (runs make the
+// choice unpredictable).
+template <class T>
+inline T pick(bool keep, T a, T b) {
+    if constexpr (std::is_floating_point_v<T>) {
+        using U = std::conditional_t<sizeof(T) == 8, uint64_t, uint32_t>;
+        const U mask = U{0} - U{keep};
+        return std::bit_cast<T>((std::bit_cast<U>(a) & mask) | (std::bit_cast<U>(b) & ~mask));
+    } else {
+        return keep ? a : b;
+    }
+}
+
 // Looks at no more than 128 - k elements from `j`, so k stays inside the
 // tile: every element is written to slot k, and only one that is not null and
 // differs from the last value kept advances k.
@@ -253,13 +267,25 @@ template <class T, bool Nulls>
 unsigned collapse(T *out, unsigned k, const Iter *in, unsigned &j, T &last) {
     const T *src = tile<T>(in);
     const unsigned stop = j + std::min(in->tile_count - j, kTile - k);
-    for (; j < stop; ++j) {
-        const T v = src[j];
-        bool keep = v != last;
-        if constexpr (Nulls) keep &= !is_null(in, j);
-        out[k] = v;
-        k += keep;
-        last = keep ? v : last;
+    if constexpr (Nulls) {
+        for (; j < stop; ++j) {
+            const T v = src[j];
+            const bool keep = v != last && !is_null(in, j);
+            out[k] = v;
+            k += keep;
+            last = pick(keep, v, last);
+        }
+    } else if (j < stop) {
+        // Without nulls the element before is equal to the last value kept
+        // (or, as NaN, unequal to everything), so the comparison needs no
+        // chain through the kept values.
+        out[k] = src[j];
+        k += src[j] != last;
+        for (++j; j < stop; ++j) {
+            out[k] = src[j];
+            k += src[j] != src[j - 1];
+        }
+        last = src[stop - 1];
     }
     return k;
 }
