@@ -330,6 +330,23 @@ double direction_loop(const tape::Tape &t) {
     for (int32_t s : t.size) ++counts[static_cast<uint64_t>(static_cast<int64_t>(s) - *low) * kSizeBins / range];
     for (uint64_t b = 0; b < kSizeBins; ++b) sum += static_cast<double>(counts[b] * (b + 1));
     return sum;
+// Symbol changes in a sample of the tape: every 10th trade, then the runs of
+// one symbol collapsed, counted.
+constexpr uint64_t kSampleEvery = 10;
+
+double sampled_symbol_changes_library(const tape::Tape &t) {
+    Iter symbols, sample, changes, count;
+    qmo_seq_unget_uint2(&symbols, t.symbol.data(), t.rows());
+    check(qmo_seq_thin_uint2(&sample, &symbols, 0, kSampleEvery), "thin");
+    check(qmo_seq_unique_uint2(&changes, &sample), "unique");
+    check(qmo_seq_agg_count(&count, &changes), "agg_count");
+    return static_cast<double>(read_uint8(&count));
+}
+double sampled_symbol_changes_loop(const tape::Tape &t) {
+    uint64_t runs = 0;
+    for (size_t i = 0; i < t.rows(); i += kSampleEvery)
+        runs += i == 0 || t.symbol[i] != t.symbol[i - kSampleEvery];
+    return static_cast<double>(runs);
 }
 
 const Request kAll[] = {
@@ -347,6 +364,8 @@ const Request kAll[] = {
     {"second_close", "second closes carried onto the trades", second_close_library,
      second_close_loop, false},
     {"direction", "direction changes, size histogram", direction_library, direction_loop, true},
+    {"sampled_symbol_runs", "symbol runs in every 10th trade", sampled_symbol_changes_library,
+     sampled_symbol_changes_loop, true},
 };
 
 }  // namespace

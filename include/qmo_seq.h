@@ -618,7 +618,54 @@ QMO_SEQ_API int qmo_seq_filter_first_pos_merge(qmo_seq_iterator_t *result, qmo_s
     QMO_SEQ_API int qmo_seq_map_##t##_next(qmo_seq_iterator_t *it);
 QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MAP_, )
 
-/* Reshaping: declarations to come. */
+/* ------------------------------------------------------------------------
+ * Reshaping: operators that change the length or order of one sequence
+ * without computing new values, for every numeric type t. Each delivers its
+ * input's type (else 61) and binds the input (701 when bindings are checked
+ * and it is bound already). Input errors pass through unchanged; an input
+ * that ends mid-tile gives the partial tile with 0 and 11 on the next call.
+ *
+ *   qmo_seq_thin_<t>(result, input, origin, step)
+ *       input elements origin, origin + step, origin + 2 step, ...; skipped
+ *       tiles are pulled and dropped, never rewound. Step 0 repeats the
+ *       element at origin without end.
+ *   qmo_seq_repeat_<t>(result, input, n)
+ *       each element n times, null bits included (n = 0: empty). Reset with
+ *       qmo_seq_reset_repeat_iterator (state word 2 is the cursor).
+ *   qmo_seq_reverse_<t>(result, input)
+ *       the whole input, last element first, null bits kept. An input of
+ *       one tile comes back as one mirrored tile, taking no memory. A longer
+ *       one is read three times (its first tile, a count, a copy) into a
+ *       buffer taken with qmo_seq_alloc_buffer and a bitmap taken through
+ *       qmo_seq_malloc (52 if either is refused; nothing is kept then), and
+ *       the record becomes an array source over them (next
+ *       qmo_seq_unget_nullable_<t>_next, reset qmo_seq_reverse_<t>_reset,
+ *       state word 1 the bitmap, last_pos the count - 1). The count is that
+ *       of qmo_seq_agg_count, which stops quietly at an input error; an
+ *       input that delivers fewer elements on the copy than on the count
+ *       gives 702.
+ *   qmo_seq_reverse_<t>_reset(it)
+ *       frees the copy, restores next and the unary reset, then resets the
+ *       input and the record: the next pull reads the input afresh.
+ *   qmo_seq_unique_<t>(result, input)
+ *       runs of equal consecutive elements collapsed to their first; null
+ *       elements are dropped and do not break a run (7, 7, null, 7, 8 gives
+ *       7, 8); floating values compare with == (NaNs are all kept, -0.0 and
+ *       0.0 are one run). The result has no nulls. Its position counts
+ *       elements; state word 1 is the input cursor, word 2 the last value.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_RESHAPE_(a, t, ctype, code)                                              \
+    QMO_SEQ_API int qmo_seq_thin_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,      \
+                                     uint64_t origin, uint64_t step);                            \
+    QMO_SEQ_API int qmo_seq_thin_##t##_next(qmo_seq_iterator_t *it);                            \
+    QMO_SEQ_API int qmo_seq_repeat_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,    \
+                                       uint64_t n);                                              \
+    QMO_SEQ_API int qmo_seq_repeat_##t##_next(qmo_seq_iterator_t *it);                          \
+    QMO_SEQ_DECLARE_UNARY_(reverse, t, ctype, code)                                              \
+    QMO_SEQ_API int qmo_seq_reverse_##t##_reset(qmo_seq_iterator_t *it);                        \
+    QMO_SEQ_DECLARE_UNARY_(unique, t, ctype, code)
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_RESHAPE_, )
 
 /* ------------------------------------------------------------------------
  * Series analytics, for every numeric type t; one operand each, of type t
