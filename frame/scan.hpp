@@ -76,6 +76,7 @@ inline bool plain_integer(const char *s, size_t n, W &out) noexcept {
 // [+-]digits[.digits][e[+-]digits] making up the whole token: strtod reads
 // it as the scan would.
 inline bool plain_decimal(const char *s, size_t n, double &out) noexcept {
+    if (n == 0) return false;
     for (size_t i = 0; i < n; ++i) {
         const char c = s[i];
         if (!((c >= '0' && c <= '9') || c == '.' || c == '+' || c == '-' || c == 'e' || c == 'E'))
