@@ -30,7 +30,8 @@ TYPED_TEST(ParseTyped, RoundTripWithNullsAcrossTiles) {
         if (null) std::snprintf(item, sizeof item, "null");
         else if (is_float_v<TypeParam>) std::snprintf(item, sizeof item, "%s%.9g", i % 2 ? " " : "", double(v) + 0.5);
         else std::snprintf(item, sizeof item, "%s%lld", i % 2 ? "  " : "", static_cast<long long>(v));
-        text += (i ? "," : "") + std::string(item);
+        if (i) text += ',';
+        text += item;
         values.push_back(null ? T{} : is_float_v<TypeParam> ? static_cast<T>(double(v) + 0.5) : v);
         nulls.push_back(null);
     }
