@@ -91,6 +91,11 @@ inline int general(const Iter *m, const char *element) noexcept {
         if (restart_p == kNone) return 0;
         ei = ++restart_e;
         pi = restart_p;
+        // A plain character after the "%" must be met first: skip to it.
+        if (pi < len && pat[pi] != '_' && pat[pi] != '\\') {
+            while (ei < w && e[ei] != pat[pi] && e[ei] != 0) ++ei;
+            restart_e = ei;
+        }
     }
 }
 
