@@ -164,6 +164,13 @@ void expect_scans_like_sscanf(std::mt19937 &rng) {
         ASSERT_EQ(got_used, static_cast<size_t>(want_used)) << text;
         ASSERT_TRUE(std::memcmp(&got, &want, sizeof got) == 0 || (got != got && want != want)) << text;
     }
+    // A token longer than the copy is scanned in place.
+    const std::string text = "0." + std::string(qmo::scan::kTokenMax, '1') + ",2";
+    W want{}, got{};
+    int want_used = -1;
+    size_t got_used = 0;
+    ASSERT_EQ(qmo::scan::read<E>(text.c_str(), got, got_used), std::sscanf(text.c_str(), qmo::scan::Format<E>::text, &want, &want_used) == 1);
+    EXPECT_TRUE(got == want && got_used == static_cast<size_t>(want_used));
 }
 
 TEST(Parse, ScannerMatchesSscanfOnTheWholeText) {
