@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <vector>
 
 namespace requests {
 
@@ -347,6 +349,38 @@ double sampled_symbol_changes_loop(const tape::Tape &t) {
     for (size_t i = 0; i < t.rows(); i += kSampleEvery)
         runs += i == 0 || t.symbol[i] != t.symbol[i - kSampleEvery];
     return static_cast<double>(runs);
+// Trades whose symbol text matches a pattern: the ids written as names of
+// one char(8) column, matched and counted (the matches are a uint1 sequence).
+constexpr size_t kNameWidth = 8;
+constexpr const char *kSymbolPattern = "SYM1_%";  // ids of two or more digits starting with 1
+
+std::vector<char> symbol_names(const tape::Tape &t) {
+    std::vector<char> names(t.rows() * kNameWidth, '\0');
+    char name[16];
+    for (size_t i = 0; i < t.rows(); ++i) {
+        const int n = std::snprintf(name, sizeof name, "SYM%u", unsigned{t.symbol[i]});  // at most 8: no NUL then
+        std::memcpy(names.data() + i * kNameWidth, name, static_cast<size_t>(n));
+    }
+    return names;
+}
+
+double symbol_match_library(const tape::Tape &t) {
+    const std::vector<char> names = symbol_names(t);
+    Iter symbols, matches, count;
+    check(qmo_seq_unget_char(&symbols, names.data(), t.rows(), kNameWidth), "unget_char");
+    check(qmo_seq_match(&matches, &symbols, kSymbolPattern), "match");
+    check(qmo_seq_agg_sum_uint1(&count, &matches), "agg_sum");
+    if (t.rows() == 0) return 0;
+    return static_cast<double>(read_uint8(&count));
+}
+double symbol_match_loop(const tape::Tape &t) {
+    const std::vector<char> names = symbol_names(t);
+    size_t count = 0;
+    for (size_t i = 0; i < t.rows(); ++i) {
+        const char *name = names.data() + i * kNameWidth;
+        count += std::strncmp(name, "SYM1", 4) == 0 && name[4] != '\0';
+    }
+    return static_cast<double>(count);
 }
 
 const Request kAll[] = {
@@ -366,6 +400,7 @@ const Request kAll[] = {
     {"direction", "direction changes, size histogram", direction_library, direction_loop, true},
     {"sampled_symbol_runs", "symbol runs in every 10th trade", sampled_symbol_changes_library,
      sampled_symbol_changes_loop, true},
+    {"symbol_match", "trades whose symbol matches SYM1_%", symbol_match_library, symbol_match_loop, true},
 };
 
 }  // namespace

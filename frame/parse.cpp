@@ -1,1 +1,141 @@
-// (to come)
+// Parse sources: a literal list such as {1, 2, null, 4} read as a sequence,
+// 128 elements per pull. The record keeps the current text position in
+// state[0] and the start of the list in state[1]; the text is not copied.
+#include "frame/construct.hpp"
+#include "frame/scan.hpp"
+
+namespace qmo {
+namespace {
+
+const char *text_at(const Iter *it) noexcept {
+    return reinterpret_cast<const char *>(static_cast<uintptr_t>(it->state[0]));
+}
+uint64_t text_word(const char *p) noexcept {
+    return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p));
+}
+
+// Byte by byte, so a text ending in "nu" is never read past its NUL.
+bool at_null_word(const char *p) noexcept {
+    return p[0] == 'n' && p[1] == 'u' && p[2] == 'l' && p[3] == 'l';
+}
+
+bool ends_word(char c) noexcept {
+    return c == '\0' || c == ',' || c == '{' || c == '}' || c == '"' || scan::is_blank(c);
+}
+
+// One char element at p (blanks before it skipped): a quoted string, in which
+// a backslash takes the next character literally, or a bare word. Hands each
+// byte to emit and returns the text after the element, or null when there is
+// no element or the quote is not closed.
+template <class Emit>
+const char *read_word(const char *p, Emit &&emit) noexcept {
+    while (scan::is_blank(*p)) ++p;
+    if (*p == '"') {
+        for (++p; *p != '"'; ++p) {
+            if (*p == '\\') ++p;
+            if (*p == '\0') return nullptr;
+            emit(*p);
+        }
+        return p + 1;
+    }
+    const char *start = p;
+    while (!ends_word(*p)) emit(*p++);
+    return p == start ? nullptr : p;
+}
+
+// Reads the value of slot k at p; returns the text after it, or null.
+template <class E>
+const char *read_element(Iter *it, unsigned k, const char *p) noexcept {
+    if constexpr (E::is_char) {
+        const unsigned w = it->elem_size;
+        char *out = tile<char>(it) + size_t{k} * w;
+        unsigned n = 0;
+        bool fits = true;
+        p = read_word(p, [&](char c) {
+            if (n < w) out[n++] = c;
+            else fits = false;
+        });
+        if (!p || !fits) return nullptr;
+        std::memset(out + n, 0, w - n);
+        return p;
+    } else {
+        typename scan::Format<E>::type wide;
+        size_t used;
+        if (!scan::read<E>(p, wide, used)) return nullptr;
+        tile<value_t<E>>(it)[k] = static_cast<value_t<E>>(wide);
+        return p + used;
+    }
+}
+
+template <class E>
+void clear_element(Iter *it, unsigned k) noexcept {
+    if constexpr (E::is_char) std::memset(tile<char>(it) + size_t{k} * it->elem_size, 0, it->elem_size);
+    else tile<value_t<E>>(it)[k] = value_t<E>{};
+}
+
+template <class E>
+int parse_next(Iter *it) noexcept {
+    const char *p = text_at(it);
+    clear_nulls(it);
+    unsigned k = 0;
+    for (; k < kTile && *p != '}' && *p != '\0'; ++k) {
+        if (at_null_word(p)) {
+            set_null(it, k);
+            clear_element<E>(it, k);
+            p += 4;
+        } else if (!(p = read_element<E>(it, k, p))) {
+            it->tile_count = 0;  // the position stays where this call began
+            return QMO_SEQ_INVALID_ARGUMENT;
+        }
+        if (*p == ',') ++p;
+    }
+    it->state[0] = text_word(p);
+    if (k == 0) {
+        it->tile_count = 0;
+        return QMO_SEQ_END;
+    }
+    return deliver(it, k);
+}
+
+// The longest char element of the list, walking it as next will; stops at the
+// end of the list or at the first element next will refuse.
+unsigned longest_word(const char *p) noexcept {
+    size_t longest = 0;
+    while (*p != '}' && *p != '\0') {
+        if (at_null_word(p)) {
+            p += 4;
+        } else {
+            size_t n = 0;
+            if (!(p = read_word(p, [&](char) { ++n; }))) break;
+            longest = n > longest ? n : longest;
+        }
+        if (*p == ',') ++p;
+    }
+    if (longest < 1) return 1;
+    return longest > QMO_SEQ_MAX_CHAR_WIDTH ? QMO_SEQ_MAX_CHAR_WIDTH : static_cast<unsigned>(longest);
+}
+
+template <class E>
+int parse(Iter *result, const char *text, qmo_seq_next_fn next) noexcept {
+    if (!text) text = "";
+    if (*text == '{') ++text;
+    unsigned size;
+    if constexpr (E::is_char) size = longest_word(text);
+    else size = E::size;
+    fill(result, Setup{E::code, size, next, qmo_seq_reset_parse_iterator});
+    result->state[0] = result->state[1] = text_word(text);
+    return QMO_SEQ_OK;
+}
+
+}  // namespace
+}  // namespace qmo
+
+#define QMO_STAMP_PARSE_(a, t, ctype, code)                                           \
+    QMO_EXPORT int qmo_seq_parse_##t##_next(qmo_seq_iterator_t *it) {                 \
+        return qmo::parse_next<qmo::Elem<code>>(it);                                  \
+    }                                                                                 \
+    QMO_EXPORT int qmo_seq_parse_##t(qmo_seq_iterator_t *result, const char *text) {  \
+        return qmo::parse<qmo::Elem<code>>(result, text, qmo_seq_parse_##t##_next);   \
+    }
+QMO_SEQ_ALL_TYPES(QMO_STAMP_PARSE_, )
+#undef QMO_STAMP_PARSE_

@@ -443,7 +443,79 @@ QMO_SEQ_API int qmo_seq_meta_iterator_reset(qmo_seq_iterator_t *it);
     QMO_SEQ_NUMERIC_TYPES_2(QMO_SEQ_DECLARE_CONVERSION_, (t))
 QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CONVERSIONS_FROM_, )
 
-/* Text parsing and pattern matching: declarations to come. */
+/* ------------------------------------------------------------------------
+ * Text parsing: qmo_seq_parse_<t>(result, text), next qmo_seq_parse_<t>_next,
+ * reset qmo_seq_reset_parse_iterator, for every type t. Construction never
+ * fails. The text is not copied: keep it alive and unchanged while the
+ * sequence is in use. A null text reads as an empty one.
+ *
+ * Text form: an optional "{", elements separated by single commas, ended by
+ * "}" or the text's NUL. An element is the word null, which must follow the
+ * comma directly, or a value read with the type's scan format:
+ *
+ *   int1 int2 int4  "%i"     decimal, octal (0...), hexadecimal (0x...)
+ *   int8            "%lli"
+ *   uint1 uint2 uint4 "%u"   decimal only: 0x10 reads 0, then fails at x
+ *   uint8 datetime  "%llu"
+ *   float double    "%lf"    (inf and nan included)
+ *
+ * Blanks before a value are skipped by the scan, blanks before a comma are
+ * not: {1, 2} and {1,null} parse, {1, null} and {1 ,2} give 62. A value not
+ * followed by a comma is followed directly by the next one (1 2 reads as
+ * 1,2). Narrow types are scanned into the wider C type and stored narrowed.
+ * Each value is scanned from a bounded copy of its token, so parsing stays
+ * linear in the text's length; the null test compares at most up to the
+ * text's NUL.
+ *
+ * Char: the width is the longest element of the text (at least 1, at most
+ * QMO_SEQ_MAX_CHAR_WIDTH; a longer element gives 62 when reached). An
+ * element is null, a double-quoted string in which a backslash takes the
+ * next character literally ("a\"b", "" for the empty string), or a bare word:
+ * the bytes up to the next blank, comma, brace, quote or NUL (blanks before
+ * it are skipped). Elements are NUL-padded to the width.
+ *
+ * Each next delivers up to 128 elements. On a bad token it returns 62, the
+ * tile count becomes 0 (that call's elements are lost) and the text position
+ * stays where the call began, so the next call fails at the same token.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_PARSE_(a, t, ctype, code)                                  \
+    QMO_SEQ_API int qmo_seq_parse_##t(qmo_seq_iterator_t *result, const char *text); \
+    QMO_SEQ_API int qmo_seq_parse_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_PARSE_, )
+
+/* ------------------------------------------------------------------------
+ * Pattern matching: qmo_seq_match(result, input, pattern), next
+ * qmo_seq_match_next, reset qmo_seq_reset_unary_iterator. The input must be
+ * char (61); binding check (701); a null pattern gives 62. The pattern is not
+ * copied: keep it alive and unchanged while the sequence is in use.
+ *
+ * The result is uint1: 1 where the element matches. "%" matches any run
+ * (consecutive ones act as one), "_" any one character, a backslash makes
+ * the next character literal; a trailing backslash matches a backslash. An
+ * element ends at its width or its first NUL. A null element gives 0 with
+ * its null bit kept. Nothing is allocated.
+ *
+ * The matcher is chosen once, at construction, and kept in state[0]:
+ *   qmo_seq_exact_match       no wildcard and no backslash (also the empty
+ *                             pattern, which matches empty elements)
+ *   qmo_seq_match_substring   "%inner%" with no other wildcard or backslash
+ *                             (Horspool search; "%%" matches everything)
+ *   qmo_seq_match_regex       every other pattern
+ * state[1] holds the pattern, state[2] its length (bytes, escapes as written;
+ * low half) and the input's width (high half), state[3..34] the substring
+ * matcher's skip table. Each matcher takes such a record and one element's
+ * bytes and returns 1 or 0; none reads past the pattern's NUL or the width.
+ * ---------------------------------------------------------------------- */
+
+typedef int (*qmo_seq_matcher_fn)(const qmo_seq_iterator_t *match, const char *element);
+
+QMO_SEQ_API int qmo_seq_match(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,
+                              const char *pattern);
+QMO_SEQ_API int qmo_seq_match_next(qmo_seq_iterator_t *it);
+QMO_SEQ_API int qmo_seq_exact_match(const qmo_seq_iterator_t *match, const char *element);
+QMO_SEQ_API int qmo_seq_match_substring(const qmo_seq_iterator_t *match, const char *element);
+QMO_SEQ_API int qmo_seq_match_regex(const qmo_seq_iterator_t *match, const char *element);
 
 /* ------------------------------------------------------------------------
  * Element-wise operators. Binary operators pull left then right, deliver
