@@ -6,9 +6,11 @@ them. The merged results must equal the ones computed in this process.
 
     PYTHONPATH=build/python /usr/bin/python3 examples/dask_partitioned.py [--rows N] [--partitions P]
 
-Prints the time of the whole partitioned evaluation for 1 and 2 workers.
+Prints the time of the whole partitioned evaluation for 1 and 2 workers
+(generating the partitions included, starting the cluster not).
 """
 import argparse
+import logging
 import time
 
 import numpy as np
@@ -71,7 +73,7 @@ def same(a, b, exact):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--rows", type=int, default=4_000_000, help="rows of the tape (100000000 for the full run)")
+    parser.add_argument("--rows", type=int, default=2_000_000, help="rows of the tape (100000000 for the full run)")
     parser.add_argument("--partitions", type=int, default=8)
     args = parser.parse_args()
     rows, parts = args.rows, args.partitions
@@ -86,8 +88,8 @@ def main():
             assert same(reference[name], whole[name], exact=False), name
 
     for workers in (1, 2):
-        with distributed.LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
-                                      dashboard_address=None) as cluster, distributed.Client(cluster) as client:
+        with distributed.LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None,
+                                      silence_logs=logging.ERROR) as cluster, distributed.Client(cluster) as client:
             start = time.perf_counter()
             futures = [client.submit(prepare, i, rows, parts, pure=False) for i in range(parts)]
             results = merged(client.gather(futures))
