@@ -110,8 +110,9 @@ SCALAR = {
 @st.composite
 def partitioned(draw):
     n = draw(st.integers(0, 400))
-    values = np.array(draw(st.lists(st.integers(-2, 2), min_size=n, max_size=n)), dtype=np.int64)
-    mask = np.array(draw(st.lists(st.booleans(), min_size=n, max_size=n)), dtype=bool)
+    rng = np.random.default_rng(draw(st.integers(0, 2**32)))
+    values = rng.integers(-2, 3, n)
+    mask = rng.random(n) < draw(st.sampled_from([0.0, 0.1, 0.9]))
     mask[::64] = False  # no tile entirely null: its seed would depend on where partitions start
     cuts = sorted(draw(st.lists(st.integers(0, n), max_size=5)))
     return values, mask, [0] + cuts + [n]
