@@ -914,6 +914,103 @@ QMO_SEQ_API int qmo_seq_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
 QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
 
 /* ------------------------------------------------------------------------
+ * Partial results as bytes: a prepared record's partial result leaves the
+ * process as a byte string and comes back into a record of the same family
+ * and element type, whose merge function then combines it with others.
+ *
+ *   qmo_seq_export_partial(it, bytes, &size)
+ *       writes it's partial result to bytes (room: *size on entry) and
+ *       stores the number of bytes written in *size. With bytes null, or
+ *       room short (then 62), only the size needed is stored.
+ *   qmo_seq_import_partial(it, bytes, size)
+ *       replaces it's partial result by the one in bytes and marks it
+ *       prepared: its next hands the result out once (11 when the
+ *       partition had none), and its merge function combines it.
+ *   qmo_seq_read_partial_header(bytes, size, &header)
+ *       the header alone, to choose the record to import into.
+ *
+ * The record must be one that holds a mergeable partial result: a scalar
+ * aggregate with a merge function, a count, an approximate distinct count,
+ * filter_first_pos, or the aggregate output (agg) of a hash aggregate
+ * (not the duplicate counts); any other record gives 61. The record is
+ * built by the family's constructor as usual; an import leaves its
+ * operands alone (a merging side builds it over an empty source).
+ *
+ * Format, version 1. Integers little-endian; 24 header bytes:
+ *   0  u32  QMO_SEQ_PARTIAL_MAGIC ("QSPR")
+ *   4  u16  QMO_SEQ_PARTIAL_VERSION
+ *   6  u16  family (QMO_SEQ_PARTIAL_FAMILIES below)
+ *   8  u8   element type the member is stamped for: the input type of
+ *           scalar aggregates, the values' type of hash aggregates;
+ *           QMO_SEQ_PARTIAL_ANY_TYPE for families with one member for all
+ *   9  u8   hash aggregates: the keys' type; else QMO_SEQ_PARTIAL_ANY_TYPE
+ *  10  u16  hash aggregates: the keys' width; else 0
+ *  12  u32  0
+ *  16  u64  payload bytes that follow (exactly; nothing may trail)
+ * Payload by family:
+ *   scalar aggregates    the accumulator words then the count, 8 bytes each,
+ *                        as the record's state keeps them (one operand:
+ *                        3 words, pairs: 6); all 0 when nothing was counted
+ *   counts               u64 count
+ *   approxdc             the 128 one-byte registers
+ *   filter_first_pos     u64 n (the limit), u64 r (at most n), r u64 positions
+ *   top_max, top_min     u64 n (the limit), u64 k (at most n), k values of
+ *                        the element type, best first
+ *   hash aggregates      u64 g, then g groups in the table's bucket order:
+ *                        key (key-width bytes), u64 count of values, then the
+ *                        8-byte slot (the running max, min or sum in its
+ *                        low-order bytes; approxdc: 128 registers)
+ *
+ * An import checks before it changes anything: a record of no such family
+ * 61; fewer bytes than a header, another magic or version, reserved bytes
+ * not 0, a payload length that disagrees with the size or the family, or a
+ * count above the limit 62; another family, element type, key type, key
+ * width or limit than the record's 61; a hash aggregate's key present twice
+ * 62 (the table is then discarded). A hash import takes memory for its
+ * table (52 when refused, nothing changed); it replaces the output's table,
+ * and both outputs start again at the first group.
+ * ---------------------------------------------------------------------- */
+
+/** First four bytes of a partial result: "QSPR". */
+#define QMO_SEQ_PARTIAL_MAGIC 0x52505351u
+#define QMO_SEQ_PARTIAL_VERSION 1
+#define QMO_SEQ_PARTIAL_HEADER_BYTES 24
+/** Element or key type of a family that has one member for every type. */
+#define QMO_SEQ_PARTIAL_ANY_TYPE 255
+
+/** Families with partial results: X(family, NAME, code). Codes are part of the format. */
+#define QMO_SEQ_PARTIAL_FAMILIES(X)                                                           \
+    X(agg_sum, AGG_SUM, 1) X(agg_prd, AGG_PRD, 2) X(agg_min, AGG_MIN, 3) X(agg_max, AGG_MAX, 4) \
+    X(agg_avg, AGG_AVG, 5) X(agg_var, AGG_VAR, 6) X(agg_var_samp, AGG_VAR_SAMP, 7)            \
+    X(agg_dev, AGG_DEV, 8) X(agg_dev_samp, AGG_DEV_SAMP, 9) X(cov, COV, 10) X(corr, CORR, 11) \
+    X(wsum, WSUM, 12) X(wavg, WAVG, 13) X(agg_count, AGG_COUNT, 14)                           \
+    X(agg_count_not_null, AGG_COUNT_NOT_NULL, 15) X(agg_approxdc, AGG_APPROXDC, 16)           \
+    X(filter_first_pos, FILTER_FIRST_POS, 17) X(top_max, TOP_MAX, 18) X(top_min, TOP_MIN, 19) \
+    X(hash_agg_max, HASH_AGG_MAX, 20) X(hash_agg_min, HASH_AGG_MIN, 21)                       \
+    X(hash_agg_sum, HASH_AGG_SUM, 22) X(hash_agg_avg, HASH_AGG_AVG, 23)                       \
+    X(hash_agg_count, HASH_AGG_COUNT, 24) X(hash_agg_approxdc, HASH_AGG_APPROXDC, 25)
+
+#define QMO_SEQ_PARTIAL_ENUM_(family, NAME, code) QMO_SEQ_PARTIAL_##NAME = code,
+/** Family codes of the format: QMO_SEQ_PARTIAL_AGG_SUM, ... */
+enum qmo_seq_partial_family { QMO_SEQ_PARTIAL_FAMILIES(QMO_SEQ_PARTIAL_ENUM_) };
+
+/** The header of a partial result, as read by qmo_seq_read_partial_header. */
+typedef struct qmo_seq_partial_header {
+    uint16_t version;
+    uint16_t family;      /* enum qmo_seq_partial_family */
+    uint8_t elem_type;    /* or QMO_SEQ_PARTIAL_ANY_TYPE */
+    uint8_t key_type;     /* hash aggregates; else QMO_SEQ_PARTIAL_ANY_TYPE */
+    uint16_t key_width;   /* hash aggregates; else 0 */
+    uint64_t payload_bytes;
+} qmo_seq_partial_header_t;
+
+QMO_SEQ_API int qmo_seq_export_partial(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size);
+QMO_SEQ_API int qmo_seq_import_partial(qmo_seq_iterator_t *it, const void *bytes, uint64_t size);
+/** 0 and the header; 62 for too few bytes, another magic or version, or reserved bytes not 0. */
+QMO_SEQ_API int qmo_seq_read_partial_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *header);
+
+
+/* ------------------------------------------------------------------------
  * Grid, window and cumulative aggregates: a sequence of results, one per
  * interval of the operand (grid) or one per element (window, cumulative).
  * Each takes an operand of its own type t (61 otherwise) and binds it; none

@@ -1,0 +1,351 @@
+// Partial results as bytes: a mergeable record's partial result written out
+// in a versioned, self-describing format and read back into a record of the
+// same family, so that partitions can be folded in other processes. Each
+// family is one kind (how its payload is laid out and checked); the table of
+// members that maps a record to its family and kind is stamped from the
+// header's lists.
+#include "aggregate/fold.hpp"
+#include "aggregate/hash_table.hpp"
+
+#include <bit>
+#include <string_view>
+
+namespace qmo::partial {
+
+static_assert(std::endian::native == std::endian::little, "the format is written in native order");
+
+inline constexpr size_t kHeader = QMO_SEQ_PARTIAL_HEADER_BYTES;
+inline constexpr uint8_t kAny = QMO_SEQ_PARTIAL_ANY_TYPE;
+
+constexpr uint16_t family_code(std::string_view family) {
+#define QMO_PARTIAL_CODE_(name, NAME, code) \
+    if (family == #name) return code;
+    QMO_SEQ_PARTIAL_FAMILIES(QMO_PARTIAL_CODE_)
+#undef QMO_PARTIAL_CODE_
+    return 0;
+}
+
+// Bounds-checked little-endian reads and writes over a byte range.
+struct Reader {
+    const unsigned char *at;
+    uint64_t left;
+    bool take(void *to, uint64_t n) {
+        if (n > left) return false;
+        std::memcpy(to, at, n);
+        at += n;
+        left -= n;
+        return true;
+    }
+    template <class T>
+    bool take(T &v) {
+        return take(&v, sizeof v);
+    }
+};
+
+struct Writer {
+    unsigned char *at;
+    void put(const void *from, size_t n) {
+        std::memcpy(at, from, n);
+        at += n;
+    }
+    template <class T>
+    void put(T v) {
+        put(&v, sizeof v);
+    }
+};
+
+// ---- kinds -------------------------------------------------------------------------------
+//
+// Each kind says how long its payload is for a record (size), writes it
+// (save), and reads it into the record (load) after checking all of it:
+// 62 for a payload that cannot be one of this kind, 0 after replacing the
+// record's partial result.
+
+struct Kind {
+    uint64_t (*size)(const Iter *it);
+    void (*save)(const Iter *it, Writer &w);
+    int (*load)(Iter *it, Reader r);
+    bool keyed;  // hash aggregates: keys' type and width in the header
+};
+
+// Scalar folds: the state words through the count, zero when nothing was counted.
+template <unsigned CountWord>
+struct fold {
+    static constexpr unsigned kWords = CountWord + 1;
+    static uint64_t size(const Iter *) { return kWords * 8; }
+    static void save(const Iter *it, Writer &w) {
+        const bool empty = it->state[CountWord] == 0;
+        for (unsigned k = 0; k < kWords; ++k) w.put<uint64_t>(empty ? 0 : it->state[k]);
+    }
+    // The merge function fills the record from a stand-in that holds the words.
+    static int load(Iter *it, Reader r) {
+        if (r.left != kWords * 8) return QMO_SEQ_INVALID_ARGUMENT;
+        Iter from{};
+        for (unsigned k = 0; k < kWords; ++k) r.take(from.state[k]);
+        it->state[CountWord] = 0;
+        it->tile_count = 0;
+        it->pos = 0;
+        clear_nulls(it);
+        it->merge(it, &from);
+        it->prepared = 1;
+        return QMO_SEQ_OK;
+    }
+};
+
+struct count {
+    static uint64_t size(const Iter *) { return 8; }
+    static void save(const Iter *it, Writer &w) { w.put<uint64_t>(it->pos ? it->values.u8[0] : 0); }
+    static int load(Iter *it, Reader r) {
+        uint64_t n;
+        if (r.left != 8 || !r.take(n)) return QMO_SEQ_INVALID_ARGUMENT;
+        agg::put_result(it, &n, 1);
+        it->prepared = 1;
+        return QMO_SEQ_OK;
+    }
+};
+
+struct approxdc {
+    static uint64_t size(const Iter *) { return kDistinctRegisters; }
+    static void save(const Iter *it, Writer &w) { w.put(it->state, kDistinctRegisters); }
+    static int load(Iter *it, Reader r) {
+        if (r.left != kDistinctRegisters) return QMO_SEQ_INVALID_ARGUMENT;
+        Iter from{};
+        r.take(from.state, kDistinctRegisters);
+        std::memset(it->state, 0, kDistinctRegisters);
+        it->merge(it, &from);
+        it->prepared = 1;
+        return QMO_SEQ_OK;
+    }
+};
+
+// The limit, then the ascending list in the tile (filter_first_pos keeps its
+// limit in last_pos). Lists merge only under the same limit.
+struct first_positions {
+    static uint64_t size(const Iter *it) { return 16 + uint64_t{it->tile_count} * 8; }
+    static void save(const Iter *it, Writer &w) {
+        w.put<uint64_t>(it->last_pos);
+        w.put<uint64_t>(it->tile_count);
+        w.put(it->values.u8, size_t{it->tile_count} * 8);
+    }
+    static int load(Iter *it, Reader r) {
+        uint64_t limit, n;
+        if (!r.take(limit) || !r.take(n)) return QMO_SEQ_INVALID_ARGUMENT;
+        if (limit != it->last_pos) return QMO_SEQ_TYPE_MISMATCH;
+        if (n > limit || r.left != n * 8) return QMO_SEQ_INVALID_ARGUMENT;
+        r.take(it->values.u8, n * 8);
+        clear_nulls(it);
+        it->tile_count = static_cast<uint16_t>(n);
+        it->pos = n;
+        it->prepared = 1;
+        return QMO_SEQ_OK;
+    }
+};
+
+// Hash aggregates: the published table's groups in bucket order. A load
+// builds a fresh table and swaps it in only when every group went in.
+template <bool Registers>
+struct hashed {
+    static constexpr uint64_t kSlot = Registers ? kDistinctRegisters : 8;
+    static unsigned width(const Iter *it) { return it->operand2->elem_size; }
+    static uint64_t groups(const hash::Table *t) {
+        uint64_t g = 0;
+        for (uint64_t b = 0; t && b < t->bucket_count; ++b)
+            for (const hash::Entry *e = t->buckets[b]; e; e = e->next) ++g;
+        return g;
+    }
+    static uint64_t size(const Iter *it) { return 8 + groups(hash::table_of(it)) * (width(it) + 8 + kSlot); }
+    static void save(const Iter *it, Writer &w) {
+        const hash::Table *t = hash::table_of(it);
+        const unsigned kw = width(it);
+        w.put<uint64_t>(groups(t));
+        for (uint64_t b = 0; t && b < t->bucket_count; ++b)
+            for (const hash::Entry *e = t->buckets[b]; e; e = e->next) {
+                w.put(hash::word_bytes(e->key, kw), kw);
+                w.put<uint64_t>(e->count);
+                if constexpr (Registers) w.put(hash::as_ptr<const void>(e->value), kDistinctRegisters);
+                else w.put<uint64_t>(e->value);
+            }
+    }
+    static int load(Iter *it, Reader r) {
+        hash::Shared *shared = hash::shared_of(it);
+        const unsigned kw = width(it);
+        uint64_t g;
+        if (!shared || !r.take(g) || g > r.left / (kw + 8 + kSlot) || r.left != g * (kw + 8 + kSlot))
+            return QMO_SEQ_INVALID_ARGUMENT;
+        hash::Table *t = hash::new_table<hash::Entry>(it, it->state[hash::kBucketCount]);
+        if (!t) return QMO_SEQ_NO_MEMORY;
+        const int rc = kw > 8 ? fill<true>(it, t, r, g, kw) : fill<false>(it, t, r, g, kw);
+        if (rc) {
+            hash::free_hash(it, t);
+            return rc;
+        }
+        t->entry_count = g;
+        if (hash::Table *old = hash::built(it)) {
+            if (shared->table == old) shared->table = nullptr;
+            hash::free_hash(it, old);
+        }
+        it->state[hash::kBuiltTable] = hash::as_word(t);
+        hash::publish(it, t);
+        for (uint64_t *params : {shared->agg_params, shared->grp_params}) {
+            params[hash::kCursorBucket] = 0;
+            params[hash::kCursorEntry] = 0;
+        }
+        return QMO_SEQ_OK;
+    }
+    template <bool Long>
+    static int fill(Iter *it, hash::Table *t, Reader &r, uint64_t g, unsigned kw) {
+        hash::Buckets<hash::Entry> b(t);
+        hash::Carver<hash::Entry> carve{it, t};
+        for (uint64_t i = 0; i < g; ++i) {
+            const unsigned char *key = r.at;
+            uint64_t word = 0;
+            if (kw > 8) word = hash::as_word(key);
+            else std::memcpy(&word, key, kw);
+            r.at += kw;
+            r.left -= kw;
+            const uint32_t h = murmur_hash3_32(key, kw, kHashSeed);
+            if (hash::seek<Long>(b, word, h, kw).found) return QMO_SEQ_INVALID_ARGUMENT;
+            const unsigned char *slot = r.at + 8;
+            hash::Entry *e = hash::find_or_add<Long>(carve, b, word, h, kw, [&](hash::Carver<hash::Entry> &c,
+                                                                               hash::Entry &entry) {
+                if constexpr (Registers) {
+                    unsigned char *regs = c.take(kDistinctRegisters);
+                    if (!regs) return false;
+                    std::memcpy(regs, slot, kDistinctRegisters);
+                    entry.value = hash::as_word(regs);
+                } else {
+                    std::memcpy(&entry.value, slot, 8);
+                }
+                return true;
+            });
+            if (!e) return QMO_SEQ_NO_MEMORY;
+            r.take(e->count);
+            r.at += kSlot;
+            r.left -= kSlot;
+        }
+        return QMO_SEQ_OK;
+    }
+};
+
+template <class K>
+inline constexpr Kind kind_of{K::size, K::save, K::load, false};
+template <bool Registers>
+inline constexpr Kind hashed_kind{hashed<Registers>::size, hashed<Registers>::save, hashed<Registers>::load, true};
+
+// ---- members -------------------------------------------------------------------------------
+
+// A record is told by its next function (the aggregate output's, for hash
+// aggregates). Top-N joins with one line per family once it exists: a kind
+// like first_positions over its element type, limited by its n.
+struct Member {
+    qmo_seq_next_fn next;
+    uint16_t family;
+    uint8_t elem_type;
+    const Kind *kind;
+};
+
+#define QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind) \
+    Member{qmo_seq_##family##_##t##_next, family_code(#family), code, &kind},
+#define QMO_PARTIAL_FOLD_(family, t, ctype, code) \
+    QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind_of<fold<agg::kCountWord>>)
+#define QMO_PARTIAL_PAIR_(family, t, ctype, code) \
+    QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind_of<fold<agg::kPairCountWord>>)
+#define QMO_PARTIAL_HASH_(op, t, ctype, code) \
+    Member{qmo_seq_hash_agg_##op##_##t##_next_agg, family_code("hash_agg_" #op), code, &hashed_kind<false>},
+#define QMO_PARTIAL_FOLDS_(family) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_FOLD_, family)
+#define QMO_PARTIAL_PAIRS_(family) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_PAIR_, family)
+#define QMO_PARTIAL_HASHES_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_HASH_, op)
+
+const Member kMembers[] = {
+    QMO_SEQ_AGGREGATE_OPS(QMO_PARTIAL_FOLDS_)
+    QMO_SEQ_PAIR_AGGREGATE_OPS(QMO_PARTIAL_PAIRS_)
+    QMO_SEQ_HASH_AGGREGATE_OPS(QMO_PARTIAL_HASHES_)
+    Member{qmo_seq_count_next, QMO_SEQ_PARTIAL_AGG_COUNT, kAny, &kind_of<count>},
+    Member{qmo_seq_count_not_null_next, QMO_SEQ_PARTIAL_AGG_COUNT_NOT_NULL, kAny, &kind_of<count>},
+    Member{qmo_seq_agg_approxdc_next, QMO_SEQ_PARTIAL_AGG_APPROXDC, kAny, &kind_of<approxdc>},
+    Member{qmo_seq_filter_first_pos_next, QMO_SEQ_PARTIAL_FILTER_FIRST_POS, kAny, &kind_of<first_positions>},
+    Member{qmo_seq_hash_agg_count_uint8_next_agg, QMO_SEQ_PARTIAL_HASH_AGG_COUNT, kAny, &hashed_kind<false>},
+    Member{qmo_seq_hash_agg_approxdc_next_agg, QMO_SEQ_PARTIAL_HASH_AGG_APPROXDC, kAny, &hashed_kind<true>},
+};
+
+// Only records that can be merged hold a partial result.
+inline const Member *member_of(const Iter *it) {
+    if (!it->merge) return nullptr;
+    for (const Member &m : kMembers)
+        if (m.next == it->next) return &m;
+    return nullptr;
+}
+
+inline qmo_seq_partial_header_t header_of(const Iter *it, const Member &m) {
+    qmo_seq_partial_header_t h{QMO_SEQ_PARTIAL_VERSION, m.family, m.elem_type, kAny, 0, m.kind->size(it)};
+    if (m.kind->keyed) {
+        h.key_type = it->operand2->elem_type;
+        h.key_width = it->operand2->elem_size;
+    }
+    return h;
+}
+
+int read_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *h) {
+    Reader r{static_cast<const unsigned char *>(bytes), size};
+    uint32_t magic, reserved;
+    if (!bytes || size < kHeader) return QMO_SEQ_INVALID_ARGUMENT;
+    r.take(magic);
+    r.take(h->version);
+    r.take(h->family);
+    r.take(h->elem_type);
+    r.take(h->key_type);
+    r.take(h->key_width);
+    r.take(reserved);
+    r.take(h->payload_bytes);
+    if (magic != QMO_SEQ_PARTIAL_MAGIC || h->version != QMO_SEQ_PARTIAL_VERSION || reserved != 0)
+        return QMO_SEQ_INVALID_ARGUMENT;
+    return QMO_SEQ_OK;
+}
+
+int export_partial(const Iter *it, void *bytes, uint64_t *size) {
+    const Member *m = member_of(it);
+    if (!m) return QMO_SEQ_TYPE_MISMATCH;
+    const qmo_seq_partial_header_t h = header_of(it, *m);
+    const uint64_t room = *size;
+    *size = kHeader + h.payload_bytes;
+    if (!bytes) return QMO_SEQ_OK;
+    if (room < *size) return QMO_SEQ_INVALID_ARGUMENT;
+    Writer w{static_cast<unsigned char *>(bytes)};
+    w.put<uint32_t>(QMO_SEQ_PARTIAL_MAGIC);
+    w.put(h.version);
+    w.put(h.family);
+    w.put(h.elem_type);
+    w.put(h.key_type);
+    w.put(h.key_width);
+    w.put<uint32_t>(0);
+    w.put(h.payload_bytes);
+    m->kind->save(it, w);
+    return QMO_SEQ_OK;
+}
+
+int import_partial(Iter *it, const void *bytes, uint64_t size) {
+    const Member *m = member_of(it);
+    if (!m) return QMO_SEQ_TYPE_MISMATCH;
+    qmo_seq_partial_header_t h;
+    if (int rc = read_header(bytes, size, &h)) return rc;
+    const qmo_seq_partial_header_t mine = header_of(it, *m);
+    if (h.family != mine.family || h.elem_type != mine.elem_type || h.key_type != mine.key_type ||
+        h.key_width != mine.key_width)
+        return QMO_SEQ_TYPE_MISMATCH;
+    if (h.payload_bytes != size - kHeader) return QMO_SEQ_INVALID_ARGUMENT;
+    return m->kind->load(it, Reader{static_cast<const unsigned char *>(bytes) + kHeader, h.payload_bytes});
+}
+
+}  // namespace qmo::partial
+
+QMO_EXPORT int qmo_seq_export_partial(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size) {
+    return qmo::partial::export_partial(it, bytes, size);
+}
+
+QMO_EXPORT int qmo_seq_import_partial(qmo_seq_iterator_t *it, const void *bytes, uint64_t size) {
+    return qmo::partial::import_partial(it, bytes, size);
+}
+
+QMO_EXPORT int qmo_seq_read_partial_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *header) {
+    return qmo::partial::read_header(bytes, size, header);
+}

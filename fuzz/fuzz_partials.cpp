@@ -1,0 +1,82 @@
+// Importer of partial results: arbitrary bytes into records of every kind
+// must give a status or a record that can be pulled, merged and exported.
+// First input byte: the record (low bits) and whether the harness writes a
+// valid header for it (high bit), so that payloads are explored as well.
+#include "qmo_seq.h"
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+struct Records {
+    qmo_seq_iterator_t values{}, keys{}, agg{}, grp{};
+};
+
+// Builds record `which` over empty sources; false when there is no such record.
+bool build(Records &r, unsigned which) {
+    switch (which) {
+    case 0: qmo_seq_unget_int4(&r.values, nullptr, 0); return !qmo_seq_agg_sum_int4(&r.agg, &r.values);
+    case 1:
+        qmo_seq_unget_double(&r.values, nullptr, 0);
+        qmo_seq_unget_double(&r.keys, nullptr, 0);
+        return !qmo_seq_corr_double(&r.agg, &r.values, &r.keys);
+    case 2:  // through a range: a count over an array source itself is not mergeable
+        qmo_seq_unget_int2(&r.values, nullptr, 0);
+        qmo_seq_limit(&r.keys, &r.values, 0, ~uint64_t{0});
+        return !qmo_seq_agg_count_not_null(&r.agg, &r.keys);
+    case 3: qmo_seq_unget_int2(&r.values, nullptr, 0); return !qmo_seq_agg_approxdc(&r.agg, &r.values);
+    case 4: qmo_seq_unget_uint1(&r.values, nullptr, 0); return !qmo_seq_filter_first_pos(&r.agg, &r.values, 9);
+    case 5:
+        qmo_seq_unget_int4(&r.values, nullptr, 0);
+        qmo_seq_unget_int2(&r.keys, nullptr, 0);
+        return !qmo_seq_hash_agg_sum_int4(&r.agg, &r.grp, &r.values, &r.keys, 3);
+    case 6:
+        qmo_seq_unget_double(&r.values, nullptr, 0);
+        qmo_seq_unget_char(&r.keys, nullptr, 0, 12);
+        return !qmo_seq_hash_agg_approxdc(&r.agg, &r.grp, &r.values, &r.keys, 0);
+    case 7:
+        qmo_seq_unget_int8(&r.keys, nullptr, 0);
+        return !qmo_seq_hash_agg_count(&r.agg, &r.grp, &r.keys, 0);
+    }
+    return false;
+}
+
+void drain(qmo_seq_iterator_t *it) {
+    while (it->next(it) == QMO_SEQ_OK) {
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    if (size < 1) return 0;
+    Records r, other;
+    if (!build(r, data[0] & 7) || !build(other, data[0] & 7)) return 0;
+    std::vector<unsigned char> bytes;
+    if (data[0] & 0x80) {
+        // The record's own header with the input as payload.
+        uint64_t n = 0;
+        qmo_seq_export_partial(&r.agg, nullptr, &n);
+        bytes.resize(n);
+        qmo_seq_export_partial(&r.agg, bytes.data(), &n);
+        bytes.resize(QMO_SEQ_PARTIAL_HEADER_BYTES);
+        const uint64_t payload = size - 1;
+        std::memcpy(bytes.data() + 16, &payload, 8);
+    }
+    bytes.insert(bytes.end(), data + 1, data + size);
+    if (qmo_seq_import_partial(&r.agg, bytes.data(), bytes.size()) == QMO_SEQ_OK) {
+        other.agg.prepare(&other.agg);
+        r.agg.merge(&r.agg, &other.agg);
+        uint64_t n = 0;
+        qmo_seq_export_partial(&r.agg, nullptr, &n);
+        std::vector<unsigned char> again(n);
+        qmo_seq_export_partial(&r.agg, again.data(), &n);
+        drain(&r.agg);
+        if (qmo_seq_is_hash_aggreate(&r.grp)) drain(&r.grp);
+    }
+    if (qmo_seq_is_hash_aggreate(&r.agg)) qmo_seq_release_hash(&r.agg);
+    if (qmo_seq_is_hash_aggreate(&other.agg)) qmo_seq_release_hash(&other.agg);
+    return 0;
+}

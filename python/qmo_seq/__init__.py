@@ -1,0 +1,317 @@
+"""Sequence expressions over numpy arrays, evaluated tile by tile by qmo_seq.
+
+    import numpy as np, qmo_seq as q
+    x = q.array(np.arange(10, dtype=np.int32))
+    ((x * 2)[x > 3]).sum().item()            # 84
+
+Arrays go in without a copy (the expression keeps them alive); nulls come
+from a boolean mask or a numpy.ma array. Results come back as numpy arrays,
+masked where null. Aggregates also give their partial result as bytes
+(``partial()``); ``merge`` and ``result`` combine such bytes from any number
+of partitions, in this process or another.
+"""
+
+import numpy as np
+
+from . import _core
+
+__all__ = ["Error", "Expr", "array", "where", "merge", "result"]
+
+
+class Error(Exception):
+    """A status of the library; ``status`` holds its code (61, 62, 52, ...)."""
+
+    NAMES = {52: "no memory", 57: "unsupported", 61: "type mismatch", 62: "invalid argument",
+             701: "already bound", 702: "length mismatch", 703: "null value"}
+
+    def __init__(self, status):
+        super().__init__(f"{self.NAMES.get(status, 'status')} ({status})")
+        self.status = status
+
+
+_core._set_error(Error)
+
+CHAR = 13
+_CODES = {np.dtype(k): v for k, v in [("u1", 0), ("u2", 1), ("u4", 2), ("u8", 3), ("i1", 4), ("i2", 5),
+                                      ("i4", 6), ("i8", 7), ("f4", 8), ("f8", 9), ("M8[ns]", 12)]}
+_DTYPES = {v: k for k, v in _CODES.items()}
+
+
+def _code_of(dtype):
+    dtype = np.dtype(dtype)
+    if dtype == np.bool_:
+        return 0
+    if dtype.kind == "S":
+        return CHAR
+    if dtype not in _CODES:
+        raise TypeError(f"qmo_seq has no element type for {dtype}")
+    return _CODES[dtype]
+
+
+def _dtype_of(code, width, boolean=False):
+    if boolean:
+        return np.dtype(np.bool_)
+    return np.dtype(f"S{width}") if code == CHAR else _DTYPES[code]
+
+
+def _unpack(raw, mask, code, width, boolean=False):
+    values = raw.view(_dtype_of(code, width, boolean))
+    return values if mask is None else np.ma.MaskedArray(values, mask)
+
+
+def _output(pulled, boolean=False):
+    if isinstance(pulled[0], tuple):  # groups and aggregates
+        return tuple(_unpack(*part) for part in pulled)
+    return _unpack(*pulled, boolean=boolean)
+
+
+class Expr:
+    """A sequence: an array, a constant, or an operator over sequences."""
+
+    __slots__ = ("node", "boolean")
+
+    def __init__(self, node, boolean=False):
+        self.node = node
+        self.boolean = boolean
+
+    @property
+    def dtype(self):
+        return _dtype_of(self.node.type, self.node.width, self.boolean)
+
+    # ---- building ---------------------------------------------------------------
+    def _op(self, name, *operands, params=(), boolean=False):
+        return Expr(_core.op(name, [self.node] + [o.node for o in operands], list(params)), boolean)
+
+    def _pair(self, other):
+        """Both sides as sequences of one type (numpy's promotion; scalars take ours)."""
+        if not isinstance(other, Expr):
+            value = np.array(other, dtype=self.dtype if self.node.type != CHAR else None)
+            if self.node.type == CHAR:
+                value = np.array(other, dtype=f"S{self.node.width}")
+            return self, Expr(_core.constant(_code_of(value.dtype), value.tobytes()), self.boolean)
+        if self.node.type == other.node.type:
+            return self, other
+        common = np.result_type(self.dtype, other.dtype)
+        return self.astype(common), other.astype(common)
+
+    def _binary(self, name, other, boolean=False, reflected=False):
+        left, right = self._pair(other)
+        if reflected:
+            left, right = right, left
+        return left._op(name, right, boolean=boolean)
+
+    def astype(self, dtype):
+        code = _code_of(dtype)
+        if code == self.node.type:
+            return Expr(self.node, np.dtype(dtype) == np.bool_)
+        return Expr(_core.convert(self.node, code))
+
+    __add__ = lambda self, o: self._binary("add", o)
+    __radd__ = lambda self, o: self._binary("add", o, reflected=True)
+    __sub__ = lambda self, o: self._binary("sub", o)
+    __rsub__ = lambda self, o: self._binary("sub", o, reflected=True)
+    __mul__ = lambda self, o: self._binary("mul", o)
+    __rmul__ = lambda self, o: self._binary("mul", o, reflected=True)
+    __truediv__ = lambda self, o: self._binary("div", o)
+    __rtruediv__ = lambda self, o: self._binary("div", o, reflected=True)
+    __mod__ = lambda self, o: self._binary("mod", o)
+    __lt__ = lambda self, o: self._binary("lt", o, True)
+    __le__ = lambda self, o: self._binary("le", o, True)
+    __gt__ = lambda self, o: self._binary("gt", o, True)
+    __ge__ = lambda self, o: self._binary("ge", o, True)
+    __eq__ = lambda self, o: self._binary("eq", o, True)
+    __ne__ = lambda self, o: self._binary("ne", o, True)
+    __and__ = lambda self, o: self._binary("and", o, True)
+    __or__ = lambda self, o: self._binary("or", o, True)
+    __xor__ = lambda self, o: self._binary("xor", o, True)
+    __invert__ = lambda self: self._op("not", boolean=True)
+    __neg__ = lambda self: self._op("neg")
+    __abs__ = lambda self: self._op("abs")
+    __hash__ = None
+
+    def where(self, cond, other):
+        """This sequence where cond holds, else other (positionally)."""
+        return where(cond, self, other)
+
+    def filter(self, cond):
+        """The elements whose condition holds."""
+        return cond._op("filter", self, boolean=self.boolean)
+
+    def __getitem__(self, cond):
+        if not isinstance(cond, Expr):
+            raise TypeError("index with a condition expression")
+        return self.filter(cond)
+
+    def nonzero(self):
+        """Positions (uint64) of the true elements of a condition."""
+        return self._op("filter_pos")
+
+    def first_positions(self, n):
+        """The first n (at most 128) positions whose condition holds; mergeable."""
+        return self._op("filter_first_pos", params=[n])
+
+    # ---- aggregates -------------------------------------------------------------
+    def sum(self):
+        return self._op("agg_sum")
+
+    def prod(self):
+        return self._op("agg_prd")
+
+    def min(self):
+        return self._op("agg_min")
+
+    def max(self):
+        return self._op("agg_max")
+
+    def mean(self):
+        return self._op("agg_avg")
+
+    def var(self, ddof=0):
+        """ddof=1 divides by n - 1 in both places: (s2 - s1^2/(n-1)) / (n-1)."""
+        return self._op("agg_var_samp" if ddof else "agg_var")
+
+    def std(self, ddof=0):
+        return self._op("agg_dev_samp" if ddof else "agg_dev")
+
+    def count(self, nulls=True):
+        # Over an array source itself the library answers from its length and
+        # cannot merge; through a range of every position the count is mergeable.
+        every = self._op("limit", params=[0, 2**64 - 1], boolean=self.boolean)
+        return every._op("agg_count" if nulls else "agg_count_not_null")
+
+    def approx_distinct(self):
+        return self._op("agg_approxdc")
+
+    def cov(self, other):
+        return self._binary("cov", other)
+
+    def corr(self, other):
+        return self._binary("corr", other)
+
+    def wsum(self, values):
+        return self._binary("wsum", values)
+
+    def wavg(self, values):
+        """Weighted mean of values with this sequence as the weights."""
+        return self._binary("wavg", values)
+
+    def group_by(self, keys, buckets=0):
+        return GroupBy(self, keys, buckets)
+
+    def top(self, n, largest=True):
+        return self._op("top_max" if largest else "top_min", params=[n])
+
+    def argsort(self, descending=False):
+        """The permutation (uint64) that orders the evaluated values."""
+        values = np.ma.getdata(self.evaluate())
+        return _core.argsort(values, self.node.type, descending)
+
+    def __getattr__(self, name):
+        """Any other family of this build, by its name in the library: x.agg_min_max()."""
+        if not _core.has_op(name):
+            raise AttributeError(name)
+        return lambda *operands, params=(): self._op(name, *operands, params=params)
+
+    # ---- results ----------------------------------------------------------------
+    def evaluate(self):
+        """A numpy array, masked where null (plain when nothing is null)."""
+        return _output(_core.evaluate(self.node), self.boolean)
+
+    to_numpy = evaluate
+
+    def __array__(self, dtype=None):
+        return np.asarray(self.evaluate(), dtype=dtype)
+
+    def item(self):
+        """The single element of an aggregate, or None when it delivered none or a null."""
+        values = self.evaluate()
+        if len(values) == 0 or np.ma.is_masked(values):
+            return None
+        return values[0].item() if len(values) == 1 else values.tolist()
+
+    def partial(self):
+        """This aggregate's partial result over its inputs, as bytes."""
+        return _core.partial(self.node)
+
+    def __repr__(self):
+        return f"qmo_seq.Expr({self.dtype})"
+
+
+class GroupBy:
+    """Aggregates per distinct key; evaluate() gives (keys, aggregates)."""
+
+    def __init__(self, values, keys, buckets=0):
+        self.values, self.keys, self.buckets = values, keys, buckets
+
+    def _agg(self, op, with_values=True):
+        operands = [self.values.node, self.keys.node] if with_values else [self.keys.node]
+        return Expr(_core.op("hash_agg_" + op, operands, [self.buckets]))
+
+    def sum(self):
+        return self._agg("sum")
+
+    def min(self):
+        return self._agg("min")
+
+    def max(self):
+        return self._agg("max")
+
+    def mean(self):
+        return self._agg("avg")
+
+    def approx_distinct(self):
+        return self._agg("approxdc")
+
+    def count(self):
+        """Occurrences of each key."""
+        return self._agg("count", with_values=False)
+
+
+def array(values, mask=None, offset=0):
+    """A sequence over a numpy array, read in place.
+
+    mask: booleans, True where null (a numpy.ma array brings its own).
+    offset: the position of the array's first element in a longer column
+    (for partitions of first_positions).
+    """
+    if isinstance(values, np.ma.MaskedArray):
+        if mask is None:
+            mask = np.ma.getmaskarray(values)
+        values = values.data
+    if not isinstance(values, np.ndarray):
+        raise TypeError("qmo_seq.array takes a numpy array")
+    code = _code_of(values.dtype)
+    if values.ndim != 1:
+        raise TypeError("qmo_seq.array takes a one-dimensional array")
+    values = np.ascontiguousarray(values)
+    nulls = None
+    if mask is not None:
+        mask = np.asarray(mask, dtype=bool)
+        if mask.shape != values.shape:
+            raise ValueError("mask and values differ in length")
+        if mask.any():
+            packed = np.packbits(mask, bitorder="little")
+            nulls = np.zeros((len(packed) + 7) // 8 * 8, dtype=np.uint8)
+            nulls[: len(packed)] = packed
+            nulls = nulls.view(np.uint64)
+    width = values.dtype.itemsize if code == CHAR else 0
+    return Expr(_core.array(values, code, width, nulls, offset), values.dtype == np.bool_)
+
+
+def where(cond, x, y):
+    """x where cond holds, else y, element by element."""
+    x, y = x._pair(y) if isinstance(x, Expr) else y._pair(x)[::-1]
+    return cond._op("iif", x, y, boolean=x.boolean)
+
+
+def merge(parts):
+    """One partial result (bytes) from the partial results of partitions."""
+    return _core.merge([bytes(p) for p in parts])
+
+
+def result(parts):
+    """What the whole input's aggregate gives, from its partitions' partial results."""
+    if isinstance(parts, (bytes, bytearray)):
+        parts = [parts]
+    pulled = _core.result([bytes(p) for p in parts])
+    return _output(pulled)

@@ -1,0 +1,149 @@
+"""The Python module against numpy: types in and out, nulls, errors, and
+partial results merged over random partitionings."""
+
+import gc
+
+import numpy as np
+import pytest
+from hypothesis import given, settings, strategies as st
+
+import qmo_seq as q
+
+NUMERIC = ["i1", "i2", "i4", "i8", "u1", "u2", "u4", "u8", "f4", "f8", "M8[ns]"]
+
+
+def values_of(dtype, n=300):
+    v = (np.arange(n) * 7919 % 97).astype("u8")
+    return v.astype(dtype) if dtype != "M8[ns]" else v.view("M8[ns]")
+
+
+@pytest.mark.parametrize("dtype", NUMERIC + ["?", "S5", "S32"])
+def test_each_dtype_goes_in_without_a_copy_and_comes_back_alike(dtype):
+    a = values_of(dtype) if dtype[0] != "S" else np.array([b"ab", b"cdefg", b""] * 100, dtype=dtype)
+    if dtype == "?":
+        a = a.astype(bool)
+    out = q.array(a).evaluate()
+    assert out.dtype == a.dtype and not np.ma.isMaskedArray(out)
+    np.testing.assert_array_equal(out, a)
+
+
+def test_nulls_from_a_mask_or_a_masked_array_come_back_masked():
+    a = np.arange(200, dtype=np.int32)
+    mask = a % 3 == 0
+    for x in (q.array(a, mask=mask), q.array(np.ma.MaskedArray(a, mask))):
+        out = (x + 1).evaluate()
+        np.testing.assert_array_equal(out.mask, mask)
+        np.testing.assert_array_equal(out.data[~mask], a[~mask] + 1)
+        assert x.sum().item() == a[~mask].sum()
+
+
+def test_the_expression_keeps_the_array_alive():
+    x = q.array(np.arange(1000, dtype=np.float64) * 2)
+    gc.collect()
+    assert x.sum().item() == 999000.0
+
+
+@pytest.mark.parametrize("bad", [np.zeros(3, np.complex128), np.zeros(3, np.float16), np.array(["a"]),
+                                 np.zeros(3, "M8[s]"), [1, 2, 3]])
+def test_wrong_dtypes_raise_type_error(bad):
+    with pytest.raises(TypeError):
+        q.array(bad)
+
+
+@pytest.mark.parametrize("build, status", [
+    (lambda x: x & x, 61),                       # logic wants booleans
+    (lambda x: (x > 0).first_positions(129), 62),
+    (lambda x: q.array(np.zeros(3, "S40")), 62),  # wider than a record holds
+])
+def test_library_statuses_raise_error_with_the_code(build, status):
+    with pytest.raises(q.Error) as raised:
+        build(q.array(np.arange(5, dtype=np.int32))).evaluate()
+    assert raised.value.status == status
+
+
+def test_operators_and_methods_match_numpy():
+    a = np.arange(1, 301, dtype=np.int32)
+    b = (a * 37 % 101 + 1).astype(np.float64)
+    x, y = q.array(a), q.array(b)
+    np.testing.assert_array_equal((x * 2 - 1).evaluate(), a * 2 - 1)
+    np.testing.assert_allclose((x / y).evaluate(), a / b)            # int4 promoted to double
+    np.testing.assert_array_equal(((x < 100) | ~(y == 5)).evaluate(), (a < 100) | ~(b == 5))
+    np.testing.assert_array_equal(x[x % 7 == 0].evaluate(), a[a % 7 == 0])
+    np.testing.assert_array_equal(q.where(x > 150, x, 0).evaluate(), np.where(a > 150, a, 0))
+    np.testing.assert_array_equal(x.astype("i8").evaluate(), a.astype("i8"))
+    np.testing.assert_array_equal((x > 290).nonzero().evaluate(), np.nonzero(a > 290)[0])
+    np.testing.assert_array_equal(b[y.argsort()], np.sort(b))
+    assert (abs(-x)).evaluate().tolist() == a.tolist()
+    assert x.sum().item() == a.sum() and x.min().item() == 1 and x.max().item() == 300
+    assert x.count().item() == 300 and x.mean().item() == pytest.approx(a.mean())
+    assert y.var().item() == pytest.approx(b.var()) and y.std().item() == pytest.approx(b.std())
+    assert x.approx_distinct().item() == pytest.approx(300, rel=0.3)
+    assert y.corr(x).item() == pytest.approx(np.corrcoef(a, b)[0, 1])
+    assert x.agg_min_max().evaluate().tolist() == [1, 300]           # any family by its name
+    assert q.array(a[:0]).sum().item() is None
+
+
+def test_group_by_gives_keys_and_aggregates():
+    keys = np.array([b"b", b"a", b"b", b"c"] * 50, dtype="S1")
+    vals = np.arange(200, dtype=np.int16)
+    got_keys, sums = q.array(vals).group_by(q.array(keys)).sum().evaluate()
+    model = {k: vals[keys == k].sum() for k in set(keys)}
+    assert dict(zip(got_keys.tolist(), sums.tolist())) == model
+    _, counts = q.array(vals).group_by(q.array(keys)).count().evaluate()
+    assert sorted(counts.tolist()) == [50, 50, 100]
+
+
+# ---- partial results -----------------------------------------------------------------------
+
+SCALAR = {
+    "sum": lambda x, y: x.sum(), "prod": lambda x, y: x.prod(), "min": lambda x, y: x.min(),
+    "max": lambda x, y: x.max(), "mean": lambda x, y: x.mean(), "var": lambda x, y: x.var(),
+    "std": lambda x, y: x.std(ddof=1), "count": lambda x, y: x.count(nulls=False),
+    "distinct": lambda x, y: x.approx_distinct(), "cov": lambda x, y: x.cov(y),
+    "wavg": lambda x, y: x.wavg(y), "first": lambda x, y: (x > 0).first_positions(5),
+    "group_sum": lambda x, y: x.group_by(y).sum(), "group_mean": lambda x, y: x.group_by(y).mean(),
+    "group_max": lambda x, y: x.group_by(y).max(), "group_count": lambda x, y: x.group_by(y).count(),
+    "group_distinct": lambda x, y: y.group_by(x).approx_distinct(),
+}
+
+
+@st.composite
+def partitioned(draw):
+    n = draw(st.integers(0, 400))
+    rng = np.random.default_rng(draw(st.integers(0, 2**32)))
+    values = rng.integers(-2, 3, n)
+    mask = rng.random(n) < draw(st.sampled_from([0.0, 0.1, 0.9]))
+    mask[::64] = False  # no tile entirely null: its seed would depend on where partitions start
+    cuts = sorted(draw(st.lists(st.integers(0, n), max_size=5)))
+    return values, mask, [0] + cuts + [n]
+
+
+@pytest.mark.parametrize("family", sorted(SCALAR))
+@pytest.mark.parametrize("dtype", ["i4", "f8"])
+@settings(max_examples=10, deadline=None, database=None)
+@given(data=partitioned())
+def test_merged_partial_bytes_equal_the_whole_inputs(family, dtype, data):
+    values, mask, cuts = data
+    values = values.astype(dtype)
+    keys = (values % 3).astype("i2")
+
+    def partial(lo, hi):
+        x = q.array(values[lo:hi], mask=mask[lo:hi], offset=lo)
+        return SCALAR[family](x, q.array(keys[lo:hi])).partial()
+
+    parts = [partial(lo, hi) for lo, hi in zip(cuts, cuts[1:])]
+    assert q.merge(parts) == partial(0, len(values))
+    whole = SCALAR[family](q.array(values, mask=mask), q.array(keys)).evaluate()
+    merged = q.result(parts)
+    for got, want in zip(merged if isinstance(merged, tuple) else [merged], whole if isinstance(whole, tuple) else [whole]):
+        np.testing.assert_array_equal(np.ma.getdata(got), np.ma.getdata(want))
+
+
+def test_partials_of_another_family_or_cut_short_raise():
+    x = q.array(np.arange(10, dtype=np.int32))
+    with pytest.raises(q.Error) as raised:
+        q.merge([x.sum().partial(), x.min().partial()])
+    assert raised.value.status == 61
+    with pytest.raises(q.Error) as raised:
+        q.merge([x.sum().partial()[:-1]])
+    assert raised.value.status == 62

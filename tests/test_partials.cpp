@@ -1,0 +1,341 @@
+// Partial results as bytes: partitions folded here and merged through bytes
+// give what merging the records in process gives, and bytes that are cut
+// short, corrupted or of another family are refused with a status.
+#include "support.hpp"
+
+#include <functional>
+#include <memory>
+
+namespace {
+
+using namespace test;
+
+std::vector<unsigned char> export_bytes(const Iter *it) {
+    uint64_t size = 0;
+    EXPECT_EQ(qmo_seq_export_partial(it, nullptr, &size), 0);
+    std::vector<unsigned char> bytes(size);
+    EXPECT_EQ(qmo_seq_export_partial(it, bytes.data(), &size), 0);
+    EXPECT_EQ(size, bytes.size());
+    return bytes;
+}
+
+// One partition's record (a hash aggregate's two outputs) and its sources.
+struct Part {
+    Iter agg{}, grp{};
+    std::vector<std::unique_ptr<Script>> sources;
+    Part() = default;
+    Part(const Part &) = delete;
+    ~Part() {
+        if (qmo_seq_is_hash_aggreate(&agg)) qmo_seq_release_hash(&agg);
+    }
+    template <class S, class... Args>
+    Iter *source(Args &&...args) {
+        sources.push_back(std::make_unique<S>(std::forward<Args>(args)...));
+        return &sources.back()->it;
+    }
+};
+
+// Builds partition `part` of `parts` into p; part == parts builds it over empty sources.
+using Build = std::function<void(Part &p, size_t part, size_t parts)>;
+
+std::string drained(Iter *it) {
+    const auto d = drain<std::string>(it);
+    std::string all;
+    for (size_t i = 0; i < d.values.size(); ++i) all += (d.nulls[i] ? "null" : d.values[i]) + "|";
+    return all + std::to_string(d.status);
+}
+
+// Merged in process and merged through bytes: equal bytes and equal results.
+void expect_bytes_merge_like_records(const Build &build, size_t parts) {
+    std::vector<std::unique_ptr<Part>> direct, shipped, imported;
+    std::vector<std::vector<unsigned char>> bytes;
+    for (size_t i = 0; i < parts; ++i) {
+        for (auto *side : {&direct, &shipped, &imported}) side->push_back(std::make_unique<Part>());
+        build(*direct[i], i, parts);
+        build(*shipped[i], i, parts);
+        build(*imported[i], parts, parts);
+        direct[i]->agg.prepare(&direct[i]->agg);
+        shipped[i]->agg.prepare(&shipped[i]->agg);
+        bytes.push_back(export_bytes(&shipped[i]->agg));
+        ASSERT_EQ(qmo_seq_import_partial(&imported[i]->agg, bytes[i].data(), bytes[i].size()), 0);
+        EXPECT_EQ(export_bytes(&imported[i]->agg), bytes[i]) << "partition " << i << " round trip";
+    }
+    for (size_t i = 1; i < parts; ++i) {
+        ASSERT_EQ(direct[0]->agg.merge(&direct[0]->agg, &direct[i]->agg), 0);
+        ASSERT_EQ(imported[0]->agg.merge(&imported[0]->agg, &imported[i]->agg), 0);
+    }
+    EXPECT_EQ(export_bytes(&direct[0]->agg), export_bytes(&imported[0]->agg));
+    EXPECT_EQ(drained(&direct[0]->agg), drained(&imported[0]->agg));
+    if (qmo_seq_is_hash_aggreate(&direct[0]->agg)) {
+        EXPECT_EQ(drained(&direct[0]->grp), drained(&imported[0]->grp));
+    }
+}
+
+// Rows 0..n-1, small values and a null every seventh row, cut into `parts`
+// partitions of growing lengths (the first one empty when there are three or more).
+constexpr size_t kRows = 700;
+std::pair<size_t, size_t> slice(size_t part, size_t parts) {
+    if (part == parts) return {0, 0};
+    auto edge = [parts](size_t k) {
+        if (k == 1 && parts >= 3) return size_t{0};
+        return k == parts ? kRows : k * k * kRows / (parts * parts);
+    };
+    return {edge(part), edge(part + 1) - edge(part)};
+}
+
+template <class Tag>
+Iter *column(Part &p, size_t part, size_t parts, int salt = 0) {
+    const auto [from, n] = slice(part, parts);
+    std::vector<V<Tag>> v(n);
+    std::vector<size_t> nulls;
+    for (size_t i = 0; i < n; ++i) {
+        v[i] = static_cast<V<Tag>>((from + i) * (3 + salt) % 23 + 1);
+        if ((from + i) % 7 == 3) nulls.push_back(i);
+    }
+    return p.source<Source<Tag>>(v, nulls, std::vector<unsigned>{100, 128});
+}
+
+template <class Tag>
+struct Partials : ::testing::Test {};
+TYPED_TEST_SUITE(Partials, NumericTypes);
+
+TYPED_TEST(Partials, ScalarAggregatesMergeThroughBytesAsInProcess) {
+#define TEST_ONE_(op) fn::op<TypeParam>,
+    for (Unary make : {QMO_SEQ_AGGREGATE_OPS(TEST_ONE_)})
+        for (size_t parts : {1, 2, 5})
+            expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
+                ASSERT_EQ(make(&p.agg, column<TypeParam>(p, i, k)), 0);
+            }, parts);
+    for (Binary make : {QMO_SEQ_PAIR_AGGREGATE_OPS(TEST_ONE_)})
+        expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
+            ASSERT_EQ(make(&p.agg, column<TypeParam>(p, i, k), column<TypeParam>(p, i, k, 2)), 0);
+        }, 4);
+#undef TEST_ONE_
+}
+
+TYPED_TEST(Partials, HashAggregatesMergeThroughBytesAsInProcess) {
+    using Make = int (*)(Iter *, Iter *, Iter *, Iter *, uint64_t);
+    for (Make make : {fn::hash_agg_max<TypeParam>, fn::hash_agg_min<TypeParam>, fn::hash_agg_sum<TypeParam>,
+                      fn::hash_agg_avg<TypeParam>})
+        // Few buckets: the import grows its table as the build did.
+        expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
+            ASSERT_EQ(make(&p.agg, &p.grp, column<TypeParam>(p, i, k), column<TypeParam>(p, i, k, 4), 3), 0);
+        }, 4);
+}
+
+// Keys wider than 8 bytes live in key blocks; approxdc slots are registers.
+Iter *long_keys(Part &p, size_t part, size_t parts) {
+    const auto [from, n] = slice(part, parts);
+    std::vector<std::string> keys;
+    for (size_t i = 0; i < n; ++i) keys.push_back("key-" + std::to_string((from + i) % 37) + "-long");
+    return p.source<CharSource>(12, keys, n ? std::vector<size_t>{n / 2} : std::vector<size_t>{});
+}
+
+TEST(PartialsUntyped, CountsSketchesFirstPositionsAndHashCountsMergeThroughBytes) {
+    using Make1 = int (*)(Iter *, Iter *);
+    for (Make1 make : {qmo_seq_agg_count, qmo_seq_agg_count_not_null, qmo_seq_agg_approxdc})
+        expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
+            ASSERT_EQ(make(&p.agg, column<t_int4>(p, i, k)), 0);
+        }, 3);
+    for (uint64_t n : {0, 5, 128})
+        expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
+            Iter *cond = column<t_uint1>(p, i, k);
+            cond->first_pos = slice(i, k).first;  // each partition's column starts where it lies
+            ASSERT_EQ(qmo_seq_filter_first_pos(&p.agg, cond, n), 0);
+        }, 4);
+    expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
+        ASSERT_EQ(qmo_seq_hash_agg_count(&p.agg, &p.grp, long_keys(p, i, k), 0), 0);
+    }, 3);
+    expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
+        ASSERT_EQ(qmo_seq_hash_agg_approxdc(&p.agg, &p.grp, column<t_double>(p, i, k), long_keys(p, i, k), 0), 0);
+    }, 3);
+}
+
+// ---- refusals ---------------------------------------------------------------------------
+
+struct Sample {
+    const char *name;
+    Build build;
+};
+
+const Sample kSamples[] = {
+    {"sum", [](Part &p, size_t i, size_t k) { qmo_seq_agg_sum_int4(&p.agg, column<t_int4>(p, i, k)); }},
+    {"cov", [](Part &p, size_t i, size_t k) {
+         qmo_seq_cov_double(&p.agg, column<t_double>(p, i, k), column<t_double>(p, i, k, 1));
+     }},
+    {"count", [](Part &p, size_t i, size_t k) { qmo_seq_agg_count(&p.agg, column<t_int2>(p, i, k)); }},
+    {"approxdc", [](Part &p, size_t i, size_t k) { qmo_seq_agg_approxdc(&p.agg, column<t_int2>(p, i, k)); }},
+    {"first_pos", [](Part &p, size_t i, size_t k) { qmo_seq_filter_first_pos(&p.agg, column<t_uint1>(p, i, k), 9); }},
+    {"hash_sum", [](Part &p, size_t i, size_t k) {
+         qmo_seq_hash_agg_sum_int4(&p.agg, &p.grp, column<t_int4>(p, i, k), column<t_int2>(p, i, k, 1), 0);
+     }},
+    {"hash_approxdc", [](Part &p, size_t i, size_t k) {
+         qmo_seq_hash_agg_approxdc(&p.agg, &p.grp, column<t_int4>(p, i, k), long_keys(p, i, k), 0);
+     }},
+};
+
+std::vector<unsigned char> prepared_bytes(const Sample &s) {
+    Part p;
+    s.build(p, 0, 1);
+    p.agg.prepare(&p.agg);
+    return export_bytes(&p.agg);
+}
+
+// An import that must fail with one of the statuses and leave the record as it was.
+void expect_import_refused(const Sample &s, const std::vector<unsigned char> &bytes, uint64_t size,
+                           std::initializer_list<int> statuses, const std::string &what) {
+    Part p;
+    s.build(p, 1, 1);
+    p.agg.prepare(&p.agg);
+    const Iter before = p.agg;
+    const int rc = qmo_seq_import_partial(&p.agg, bytes.data(), size);
+    EXPECT_NE(std::find(statuses.begin(), statuses.end(), rc), statuses.end()) << s.name << " " << what << ": " << rc;
+    EXPECT_EQ(std::memcmp(&p.agg, &before, sizeof before), 0) << s.name << " " << what << ": record changed";
+}
+
+TEST(PartialsRefused, EveryTruncationGivesAStatus) {
+    for (const Sample &s : kSamples) {
+        const auto bytes = prepared_bytes(s);
+        for (uint64_t n = 0; n < bytes.size(); ++n)
+            expect_import_refused(s, bytes, n, {QMO_SEQ_INVALID_ARGUMENT}, "cut at " + std::to_string(n));
+        auto longer = bytes;
+        longer.push_back(0);
+        expect_import_refused(s, longer, longer.size(), {QMO_SEQ_INVALID_ARGUMENT}, "trailing byte");
+    }
+}
+
+TEST(PartialsRefused, EveryHeaderByteCorruptedGivesAStatus) {
+    for (const Sample &s : kSamples) {
+        const auto bytes = prepared_bytes(s);
+        for (size_t at = 0; at < QMO_SEQ_PARTIAL_HEADER_BYTES; ++at)
+            for (unsigned char flip : {0x01, 0x80}) {
+                auto bad = bytes;
+                bad[at] ^= flip;
+                expect_import_refused(s, bad, bad.size(), {QMO_SEQ_INVALID_ARGUMENT, QMO_SEQ_TYPE_MISMATCH},
+                                      "header byte " + std::to_string(at));
+            }
+    }
+}
+
+// Payload bytes mostly carry values: a flip is taken or refused, never a fault, and
+// whatever was taken can be pulled and merged.
+TEST(PartialsRefused, CorruptedPayloadsAreTakenOrRefusedWithoutFault) {
+    for (const Sample &s : kSamples) {
+        const auto bytes = prepared_bytes(s);
+        for (size_t at = QMO_SEQ_PARTIAL_HEADER_BYTES; at < bytes.size(); at += 1 + at / 64) {
+            auto bad = bytes;
+            bad[at] ^= 0xA5;
+            Part p, other;
+            s.build(p, 1, 1);
+            s.build(other, 0, 1);
+            other.agg.prepare(&other.agg);
+            const int rc = qmo_seq_import_partial(&p.agg, bad.data(), bad.size());
+            // 61: a limit of another first-positions record
+            ASSERT_TRUE(rc == 0 || rc == QMO_SEQ_INVALID_ARGUMENT || rc == QMO_SEQ_TYPE_MISMATCH) << s.name << " " << at;
+            if (rc == 0) {
+                EXPECT_EQ(p.agg.merge(&p.agg, &other.agg), 0);
+                drained(&p.agg);
+            }
+        }
+    }
+}
+
+TEST(PartialsRefused, NamedMalformations) {
+    auto sum = prepared_bytes(kSamples[0]);
+    auto hash = prepared_bytes(kSamples[5]);
+    auto first = prepared_bytes(kSamples[4]);
+    struct Row {
+        const char *what;
+        const Sample &sample;
+        std::vector<unsigned char> bytes;
+        int status;
+    };
+    auto with = [](std::vector<unsigned char> b, size_t at, uint64_t v) {
+        std::memcpy(b.data() + at, &v, sizeof v);
+        return b;
+    };
+    const size_t payload = QMO_SEQ_PARTIAL_HEADER_BYTES;
+    // A hash partial whose second group repeats the first one's key.
+    auto twice = hash;
+    const size_t group = 2 + 8 + 8;
+    std::memcpy(twice.data() + payload + 8 + group, twice.data() + payload + 8, 2);
+    auto version2 = sum;
+    version2[4] = 2;
+    const Row rows[] = {
+        {"version 2", kSamples[0], version2, QMO_SEQ_INVALID_ARGUMENT},
+        {"payload length off by one", kSamples[0], with(sum, 16, 25), QMO_SEQ_INVALID_ARGUMENT},
+        {"more groups than bytes", kSamples[5], with(hash, payload, 1'000'000), QMO_SEQ_INVALID_ARGUMENT},
+        {"group count wrapping the size", kSamples[5], with(hash, payload, ~uint64_t{0} / 2), QMO_SEQ_INVALID_ARGUMENT},
+        {"a key twice", kSamples[5], twice, QMO_SEQ_INVALID_ARGUMENT},
+        {"more positions than the limit", kSamples[4], with(first, payload + 8, 10), QMO_SEQ_INVALID_ARGUMENT},
+        {"another limit", kSamples[4], with(first, payload, 8), QMO_SEQ_TYPE_MISMATCH},
+        {"another family", kSamples[2], sum, QMO_SEQ_TYPE_MISMATCH},
+        {"another hash family", kSamples[5], prepared_bytes(kSamples[6]), QMO_SEQ_TYPE_MISMATCH},
+    };
+    for (const Row &r : rows) expect_import_refused(r.sample, r.bytes, r.bytes.size(), {r.status}, r.what);
+}
+
+TEST(PartialsRefused, ForeignTypesAndRecordsWithoutPartialResults) {
+    auto sum = prepared_bytes(kSamples[0]);
+    Source<t_int8> longs({1, 2, 3});
+    Source<t_int4> ints({1, 2, 3}), more({1, 2, 3}), again({4});
+    Iter sum8, minmax, counted, added, cond;
+    uint64_t size = 0;
+    const int32_t array[2] = {1, 2};
+    ASSERT_EQ(qmo_seq_agg_sum_int8(&sum8, &longs.it), 0);
+    EXPECT_EQ(qmo_seq_import_partial(&sum8, sum.data(), sum.size()), QMO_SEQ_TYPE_MISMATCH);
+    ASSERT_EQ(qmo_seq_agg_min_max_int4(&minmax, &ints.it), 0);
+    ASSERT_EQ(qmo_seq_unget_int4(&cond, array, 2), 0);
+    ASSERT_EQ(qmo_seq_agg_count(&counted, &cond), 0);  // over an array source: not mergeable
+    ASSERT_EQ(qmo_seq_add_int4(&added, &more.it, &again.it), 0);
+    for (Iter *it : {&minmax, &counted, &added}) {
+        EXPECT_EQ(qmo_seq_export_partial(it, nullptr, &size), QMO_SEQ_TYPE_MISMATCH);
+        EXPECT_EQ(qmo_seq_import_partial(it, sum.data(), sum.size()), QMO_SEQ_TYPE_MISMATCH);
+    }
+}
+
+TEST(PartialsExport, SizeQueryAndShortBuffer) {
+    Part p;
+    kSamples[0].build(p, 0, 1);
+    p.agg.prepare(&p.agg);
+    uint64_t size = 0;
+    ASSERT_EQ(qmo_seq_export_partial(&p.agg, nullptr, &size), 0);
+    EXPECT_EQ(size, QMO_SEQ_PARTIAL_HEADER_BYTES + 3 * 8);
+    std::vector<unsigned char> bytes(size, 0xEE);
+    uint64_t room = size - 1;
+    EXPECT_EQ(qmo_seq_export_partial(&p.agg, bytes.data(), &room), QMO_SEQ_INVALID_ARGUMENT);
+    EXPECT_EQ(room, size);
+    EXPECT_EQ(bytes, std::vector<unsigned char>(size, 0xEE)) << "written into a short buffer";
+    qmo_seq_partial_header_t h;
+    ASSERT_EQ(qmo_seq_export_partial(&p.agg, bytes.data(), &room), 0);
+    ASSERT_EQ(qmo_seq_read_partial_header(bytes.data(), bytes.size(), &h), 0);
+    EXPECT_EQ(std::memcmp(bytes.data(), "QSPR", 4), 0);
+    EXPECT_EQ(h.family, QMO_SEQ_PARTIAL_AGG_SUM);
+    EXPECT_EQ(h.elem_type, QMO_SEQ_TYPE_INT4);
+    EXPECT_EQ(h.key_type, QMO_SEQ_PARTIAL_ANY_TYPE);
+    EXPECT_EQ(h.payload_bytes, 24u);
+}
+
+// A hash import that runs out of memory at any allocation changes nothing and leaks nothing.
+TEST(PartialsExport, HashImportSurvivesRefusedMemory) {
+    const auto bytes = prepared_bytes(kSamples[6]);
+    for (int k = 1;; ++k) {
+        int rc;
+        {
+            Hooks hooks;
+            Part p;
+            kSamples[6].build(p, 1, 1);
+            Hooks::calls = 0;
+            Hooks::refuse_from = k;
+            const Iter before = p.agg;
+            rc = qmo_seq_import_partial(&p.agg, bytes.data(), bytes.size());
+            if (rc == QMO_SEQ_NO_MEMORY) EXPECT_EQ(std::memcmp(&p.agg, &before, sizeof before), 0);
+            else EXPECT_EQ(rc, 0);
+            qmo_seq_release_hash(&p.agg);
+            EXPECT_TRUE(Hooks::live.empty()) << "refused from allocation " << k;
+        }
+        if (rc == 0) break;
+    }
+}
+
+}  // namespace
