@@ -188,6 +188,8 @@ double moving_price_loop(const tape::Tape &t) {
         total += s / double(till - from);
     }
     return total;
+}
+
 // The ten largest trades by size and their positions, earlier trades first
 // among equal sizes. Checksum: the sum over ranks r = 1..10 of r x (size +
 // position), so that both lists and their order count.
@@ -273,6 +275,9 @@ double second_close_loop(const tape::Tape &t) {
         }
         sum += current;
     }
+    return sum;
+}
+
 // Price direction changes and the spread of sizes, as one checksum: the
 // turns of the price's trend, its crossings of the 100.00 level, and a
 // 64-bin histogram of sizes between their extremes (bin b weighted b + 1).
@@ -332,6 +337,8 @@ double direction_loop(const tape::Tape &t) {
     for (int32_t s : t.size) ++counts[static_cast<uint64_t>(static_cast<int64_t>(s) - *low) * kSizeBins / range];
     for (uint64_t b = 0; b < kSizeBins; ++b) sum += static_cast<double>(counts[b] * (b + 1));
     return sum;
+}
+
 // Symbol changes in a sample of the tape: every 10th trade, then the runs of
 // one symbol collapsed, counted.
 constexpr uint64_t kSampleEvery = 10;
@@ -349,6 +356,8 @@ double sampled_symbol_changes_loop(const tape::Tape &t) {
     for (size_t i = 0; i < t.rows(); i += kSampleEvery)
         runs += i == 0 || t.symbol[i] != t.symbol[i - kSampleEvery];
     return static_cast<double>(runs);
+}
+
 // Trades whose symbol text matches a pattern: the ids written as names of
 // one char(8) column, matched and counted (the matches are a uint1 sequence).
 constexpr size_t kNameWidth = 8;
@@ -383,6 +392,49 @@ double symbol_match_loop(const tape::Tape &t) {
     return static_cast<double>(count);
 }
 
+// The tape sorted by symbol (by time within a symbol): sizes and symbols.
+struct BySymbol {
+    std::vector<int32_t> size;
+    std::vector<uint16_t> symbol;
+};
+BySymbol by_symbol(const tape::Tape &t) {
+    std::vector<uint32_t> order(t.rows());
+    for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return t.symbol[a] < t.symbol[b]; });
+    BySymbol s;
+    for (uint32_t i : order) s.size.push_back(t.size[i]), s.symbol.push_back(t.symbol[i]);
+    return s;
+}
+
+// The largest average trade size of a symbol: the average per run of equal
+// symbols in the sorted tape, then the largest of those averages.
+double symbol_average_library(const tape::Tape &t) {
+    const BySymbol s = by_symbol(t);
+    Iter sizes, symbols, averages, largest;
+    qmo_seq_unget_int4(&sizes, s.size.data(), s.size.size());
+    qmo_seq_unget_uint2(&symbols, s.symbol.data(), s.symbol.size());
+    check(qmo_seq_group_agg_avg_int4(&averages, &sizes, &symbols), "group_agg_avg");
+    check(qmo_seq_agg_max_double(&largest, &averages), "agg_max");
+    if (t.rows() == 0) return NAN;
+    return read_double(&largest);
+}
+double symbol_average_loop(const tape::Tape &t) {
+    const BySymbol s = by_symbol(t);
+    double largest = NAN, sum = 0;
+    uint64_t n = 0;
+    for (size_t i = 0; i < s.size.size(); ++i) {
+        sum += s.size[i];
+        ++n;
+        if (i + 1 == s.size.size() || s.symbol[i + 1] != s.symbol[i]) {
+            const double average = sum / double(n);
+            if (!(largest >= average)) largest = average;
+            sum = 0;
+            n = 0;
+        }
+    }
+    return largest;
+}
+
 const Request kAll[] = {
     {"large_size", "total size of trades above 1000", large_size_library, large_size_loop, true},
     {"notional", "notional, sum of price x size", notional_library, notional_loop, false},
@@ -401,6 +453,7 @@ const Request kAll[] = {
     {"sampled_symbol_runs", "symbol runs in every 10th trade", sampled_symbol_changes_library,
      sampled_symbol_changes_loop, true},
     {"symbol_match", "trades whose symbol matches SYM1_%", symbol_match_library, symbol_match_loop, true},
+    {"symbol_average", "largest average trade size of a symbol", symbol_average_library, symbol_average_loop, true},
 };
 
 }  // namespace

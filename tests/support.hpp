@@ -281,6 +281,7 @@ inline Drained<double> drain_numbers(Iter *it) {
     }
     return d;
 }
+
 // ---- stretch: two type parameters ---------------------------------------------------
 
 // A (time-stamp type, value type) pair of tags.
