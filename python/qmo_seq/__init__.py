@@ -83,12 +83,12 @@ class Expr:
         return Expr(_core.op(name, [self.node] + [o.node for o in operands], list(params)), boolean)
 
     def _pair(self, other):
-        """Both sides as sequences of one type (numpy's promotion; scalars take ours)."""
+        """Both sides as sequences of one type, promoted as numpy promotes (a scalar by its value)."""
         if not isinstance(other, Expr):
-            value = np.array(other, dtype=self.dtype if self.node.type != CHAR else None)
-            if self.node.type == CHAR:
-                value = np.array(other, dtype=f"S{self.node.width}")
-            return self, Expr(_core.constant(_code_of(value.dtype), value.tobytes()), self.boolean)
+            common = np.result_type(self.dtype, other)
+            left = self if common == self.dtype else self.astype(common)
+            value = np.array(other, dtype=common)
+            return left, Expr(_core.constant(_code_of(common), value.tobytes()), left.boolean)
         if self.node.type == other.node.type:
             return self, other
         common = np.result_type(self.dtype, other.dtype)

@@ -66,6 +66,7 @@ def test_operators_and_methods_match_numpy():
     b = (a * 37 % 101 + 1).astype(np.float64)
     x, y = q.array(a), q.array(b)
     np.testing.assert_array_equal((x * 2 - 1).evaluate(), a * 2 - 1)
+    np.testing.assert_array_equal((x * 2.5).evaluate(), a * 2.5)     # promoted by the scalar's value
     np.testing.assert_allclose((x / y).evaluate(), a / b)            # int4 promoted to double
     np.testing.assert_array_equal(((x < 100) | ~(y == 5)).evaluate(), (a < 100) | ~(b == 5))
     np.testing.assert_array_equal(x[x % 7 == 0].evaluate(), a[a % 7 == 0])
