@@ -159,6 +159,49 @@ double above_level_loop(const tape::Tape &t) {
         std::count_if(t.price.begin(), t.price.end(), [](double p) { return p > kPriceLevel; }));
 }
 
+// The tape sorted by symbol (by time within a symbol): sizes and symbols.
+struct BySymbol {
+    std::vector<int32_t> size;
+    std::vector<uint16_t> symbol;
+};
+BySymbol by_symbol(const tape::Tape &t) {
+    std::vector<uint32_t> order(t.rows());
+    for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return t.symbol[a] < t.symbol[b]; });
+    BySymbol s;
+    for (uint32_t i : order) s.size.push_back(t.size[i]), s.symbol.push_back(t.symbol[i]);
+    return s;
+}
+
+// The largest average trade size of a symbol: the average per run of equal
+// symbols in the sorted tape, then the largest of those averages.
+double symbol_average_library(const tape::Tape &t) {
+    const BySymbol s = by_symbol(t);
+    Iter sizes, symbols, averages, largest;
+    qmo_seq_unget_int4(&sizes, s.size.data(), s.size.size());
+    qmo_seq_unget_uint2(&symbols, s.symbol.data(), s.symbol.size());
+    check(qmo_seq_group_agg_avg_int4(&averages, &sizes, &symbols), "group_agg_avg");
+    check(qmo_seq_agg_max_double(&largest, &averages), "agg_max");
+    if (t.rows() == 0) return NAN;
+    return read_double(&largest);
+}
+double symbol_average_loop(const tape::Tape &t) {
+    const BySymbol s = by_symbol(t);
+    double largest = NAN, sum = 0;
+    uint64_t n = 0;
+    for (size_t i = 0; i < s.size.size(); ++i) {
+        sum += s.size[i];
+        ++n;
+        if (i + 1 == s.size.size() || s.symbol[i + 1] != s.symbol[i]) {
+            const double average = sum / double(n);
+            if (!(largest >= average)) largest = average;
+            sum = 0;
+            n = 0;
+        }
+    }
+    return largest;
+}
+
 const Request kAll[] = {
     {"large_size", "total size of trades above 1000", large_size_library, large_size_loop, true},
     {"notional", "notional, sum of price x size", notional_library, notional_loop, false},
@@ -169,6 +212,7 @@ const Request kAll[] = {
     {"small_trades", "trades of at most 100 shares", small_trades_library, small_trades_loop, true},
     {"top_symbols", "trades in the ten busiest symbols", top_symbols_library, top_symbols_loop, true},
     {"above_100", "trades above 100.00", above_level_library, above_level_loop, true},
+    {"symbol_average", "largest average trade size of a symbol", symbol_average_library, symbol_average_loop, true},
 };
 
 }  // namespace
