@@ -118,21 +118,23 @@ struct approxdc {
     }
 };
 
-// The limit, then the ascending list in the tile (filter_first_pos keeps its
-// limit in last_pos). Lists merge only under the same limit.
-struct first_positions {
-    static uint64_t size(const Iter *it) { return 16 + uint64_t{it->tile_count} * 8; }
+// The limit, then the ranked list in the tile: filter_first_pos's ascending
+// positions (its limit in last_pos) or top-N's values (its limit in state
+// word 0). Lists merge only under the same limit.
+template <uint64_t (*Limit)(const Iter *)>
+struct ranked {
+    static uint64_t size(const Iter *it) { return 16 + uint64_t{it->tile_count} * it->elem_size; }
     static void save(const Iter *it, Writer &w) {
-        w.put<uint64_t>(it->last_pos);
+        w.put<uint64_t>(Limit(it));
         w.put<uint64_t>(it->tile_count);
-        w.put(it->values.u8, size_t{it->tile_count} * 8);
+        w.put(it->values.u8, size_t{it->tile_count} * it->elem_size);
     }
     static int load(Iter *it, Reader r) {
         uint64_t limit, n;
         if (!r.take(limit) || !r.take(n)) return QMO_SEQ_INVALID_ARGUMENT;
-        if (limit != it->last_pos) return QMO_SEQ_TYPE_MISMATCH;
-        if (n > limit || r.left != n * 8) return QMO_SEQ_INVALID_ARGUMENT;
-        r.take(it->values.u8, n * 8);
+        if (limit != Limit(it)) return QMO_SEQ_TYPE_MISMATCH;
+        if (n > limit || r.left != n * it->elem_size) return QMO_SEQ_INVALID_ARGUMENT;
+        r.take(it->values.u8, n * it->elem_size);
         clear_nulls(it);
         it->tile_count = static_cast<uint16_t>(n);
         it->pos = n;
@@ -140,6 +142,10 @@ struct first_positions {
         return QMO_SEQ_OK;
     }
 };
+inline uint64_t limit_in_last_pos(const Iter *it) { return it->last_pos; }
+inline uint64_t limit_in_state(const Iter *it) { return it->state[0]; }
+using first_positions = ranked<limit_in_last_pos>;
+using top_list = ranked<limit_in_state>;
 
 // Hash aggregates: the published table's groups in bucket order. A load
 // builds a fresh table and swaps it in only when every group went in.
@@ -235,8 +241,7 @@ inline constexpr Kind hashed_kind{hashed<Registers>::size, hashed<Registers>::sa
 // ---- members -------------------------------------------------------------------------------
 
 // A record is told by its next function (the aggregate output's, for hash
-// aggregates). Top-N joins with one line per family once it exists: a kind
-// like first_positions over its element type, limited by its n.
+// aggregates).
 struct Member {
     qmo_seq_next_fn next;
     uint16_t family;
@@ -252,6 +257,8 @@ struct Member {
     QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind_of<fold<agg::kPairCountWord>>)
 #define QMO_PARTIAL_HASH_(op, t, ctype, code) \
     Member{qmo_seq_hash_agg_##op##_##t##_next_agg, family_code("hash_agg_" #op), code, &hashed_kind<false>},
+#define QMO_PARTIAL_TOP_(family, t, ctype, code) QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind_of<top_list>)
+#define QMO_PARTIAL_TOPS_(family) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_TOP_, family)
 #define QMO_PARTIAL_FOLDS_(family) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_FOLD_, family)
 #define QMO_PARTIAL_PAIRS_(family) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_PAIR_, family)
 #define QMO_PARTIAL_HASHES_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_HASH_, op)
@@ -260,6 +267,7 @@ const Member kMembers[] = {
     QMO_SEQ_AGGREGATE_OPS(QMO_PARTIAL_FOLDS_)
     QMO_SEQ_PAIR_AGGREGATE_OPS(QMO_PARTIAL_PAIRS_)
     QMO_SEQ_HASH_AGGREGATE_OPS(QMO_PARTIAL_HASHES_)
+    QMO_SEQ_TOP_OPS(QMO_PARTIAL_TOPS_)
     Member{qmo_seq_count_next, QMO_SEQ_PARTIAL_AGG_COUNT, kAny, &kind_of<count>},
     Member{qmo_seq_count_not_null_next, QMO_SEQ_PARTIAL_AGG_COUNT_NOT_NULL, kAny, &kind_of<count>},
     Member{qmo_seq_agg_approxdc_next, QMO_SEQ_PARTIAL_AGG_APPROXDC, kAny, &kind_of<approxdc>},

@@ -111,6 +111,12 @@ TYPED_TEST(Partials, ScalarAggregatesMergeThroughBytesAsInProcess) {
             ASSERT_EQ(make(&p.agg, column<TypeParam>(p, i, k), column<TypeParam>(p, i, k, 2)), 0);
         }, 4);
 #undef TEST_ONE_
+    using Top = int (*)(Iter *, Iter *, uint64_t);
+    for (Top make : {fn::top_max<TypeParam>, fn::top_min<TypeParam>})
+        for (uint64_t n : {1, 10, 128})
+            expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
+                ASSERT_EQ(make(&p.agg, column<TypeParam>(p, i, k), n), 0);
+            }, 5);
 }
 
 TYPED_TEST(Partials, HashAggregatesMergeThroughBytesAsInProcess) {
