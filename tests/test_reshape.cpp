@@ -93,6 +93,7 @@ TYPED_TEST(Reshape, MatchTheModelsAcrossTilesWithNulls) {
                     EXPECT_EQ((Seq<T>{d.values, d.nulls}), expected);
                     for (size_t t = 0; t < d.tiles.size(); ++t) EXPECT_TRUE(d.tiles[t] == 128 || t + 1 == d.tiles.size());
                     EXPECT_TRUE(d.status == QMO_SEQ_END && op.next(&op) == QMO_SEQ_END);
+                    EXPECT_EQ(op.reset(&op), 0) << "gives a reversed copy back";
                 }
 }
 
