@@ -171,6 +171,15 @@ void stamp_tables() {
 #define QMO_PY_BINARY_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_BINARY_, op)
 #define QMO_PY_COMPARISON_FAMILY_(op) QMO_SEQ_ALL_TYPES(QMO_PY_BINARY_, op)
 #define QMO_PY_HASH_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_HASH_, op)
+// (input, one count): top-N, grid and window aggregates.
+#define QMO_PY_COUNTED_(op, t, ctype, code)                                                \
+    add(#op, 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {            \
+        return qmo_seq_##op##_##t(r, o[0], p.at(0));                                       \
+    });
+#define QMO_PY_COUNTED_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_COUNTED_, op)
+#define QMO_PY_GRID_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_COUNTED_, grid_agg_##op)
+#define QMO_PY_WINDOW_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_COUNTED_, window_agg_##op)
+#define QMO_PY_CUM_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_UNARY_, cum_agg_##op)
 
     // Adding a family is one line here, in the shape of its constructor.
     QMO_SEQ_ARITHMETIC_OPS(QMO_PY_BINARY_FAMILY_)
@@ -182,6 +191,11 @@ void stamp_tables() {
     QMO_SEQ_ALL_TYPES(QMO_PY_MASKED_, filter)
     QMO_SEQ_ALL_TYPES(QMO_PY_SELECT_, iif)
     QMO_SEQ_HASH_AGGREGATE_OPS(QMO_PY_HASH_FAMILY_)
+    QMO_SEQ_TOP_OPS(QMO_PY_COUNTED_FAMILY_)
+    QMO_SEQ_TOP_POS_OPS(QMO_PY_COUNTED_FAMILY_)
+    QMO_SEQ_GRID_AGGREGATE_OPS(QMO_PY_GRID_FAMILY_)
+    QMO_SEQ_WINDOW_AGGREGATE_OPS(QMO_PY_WINDOW_FAMILY_)
+    QMO_SEQ_CUM_AGGREGATE_OPS(QMO_PY_CUM_FAMILY_)
 
     auto logic = [](int (*f)(Iter *, Iter *, Iter *)) {
         return [f](Plan &, Iter *r, Iter *const *o, const Params &) { return f(r, o[0], o[1]); };

@@ -201,6 +201,18 @@ class Expr:
     def top(self, n, largest=True):
         return self._op("top_max" if largest else "top_min", params=[n])
 
+    def window(self, op, n):
+        """Moving aggregate over the last n elements (op: sum, avg, min, max, var, ..., ema, atr)."""
+        return self._op("window_agg_" + op, params=[n])
+
+    def grid(self, op, n):
+        """One aggregate per n consecutive elements."""
+        return self._op("grid_agg_" + op, params=[n])
+
+    def cumulative(self, op):
+        """Running aggregate up to each element."""
+        return self._op("cum_agg_" + op)
+
     def argsort(self, descending=False):
         """The permutation (uint64) that orders the evaluated values."""
         values = np.ma.getdata(self.evaluate())

@@ -84,6 +84,16 @@ def test_operators_and_methods_match_numpy():
     assert q.array(a[:0]).sum().item() is None
 
 
+def test_top_windows_and_running_aggregates_match_numpy():
+    b = (np.arange(300) * 37 % 101 + 1).astype(np.float64)
+    y = q.array(b)
+    np.testing.assert_array_equal(y.top(5).evaluate(), np.sort(b)[::-1][:5])
+    ring = np.concatenate([np.zeros(9), b])                          # the window starts as zeros
+    np.testing.assert_allclose(y.window("sum", 10).evaluate(), np.convolve(ring, np.ones(10), "valid"))
+    np.testing.assert_allclose(y.grid("max", 100).evaluate(), b.reshape(3, 100).max(axis=1))
+    np.testing.assert_allclose(y.cumulative("sum").evaluate(), np.cumsum(b))
+
+
 def test_group_by_gives_keys_and_aggregates():
     keys = np.array([b"b", b"a", b"b", b"c"] * 50, dtype="S1")
     vals = np.arange(200, dtype=np.int16)
