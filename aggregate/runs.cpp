@@ -14,6 +14,7 @@
 //   static bool emit(const acc &, uint64_t present, uint64_t length, value_t<out> *r);
 //       the run's result into *r, false for a null element
 #include "aggregate/distinct.hpp"
+#include "aggregate/families.hpp"
 #include "aggregate/fold.hpp"
 #include "frame/bits.hpp"
 #include "frame/numeric.hpp"
@@ -285,59 +286,7 @@ struct elementwise {
     }
 };
 
-// Sums: 64-bit of the input's signedness (added modulo 2^64), double for
-// floats; datetime stays datetime.
-template <class E>
-using wide_t = Elem<E::is_float      ? QMO_SEQ_TYPE_DOUBLE
-                    : E::is_datetime ? QMO_SEQ_TYPE_DATETIME
-                    : E::is_signed   ? QMO_SEQ_TYPE_INT8
-                                     : QMO_SEQ_TYPE_UINT8>;
-
-template <class E>
-struct sum_family {
-    using out = wide_t<E>;
-    using A = std::conditional_t<E::is_float, double, uint64_t>;
-    using acc = Acc<A, 1>;
-    static void terms(value_t<E> x, A (&t)[1]) { t[0] = static_cast<A>(x); }
-    static void finish(const acc &s, uint64_t, value_t<out> *r) { r[0] = static_cast<value_t<out>>(s.w[0]); }
-};
-
-// Mean in double; datetime keeps an unsigned 64-bit sum and truncates.
-template <class E>
-struct avg_family {
-    using out = std::conditional_t<E::is_datetime, E, Elem<QMO_SEQ_TYPE_DOUBLE>>;
-    using A = std::conditional_t<E::is_datetime, uint64_t, double>;
-    using acc = Acc<A, 1>;
-    static void terms(value_t<E> x, A (&t)[1]) { t[0] = static_cast<A>(x); }
-    static void finish(const acc &s, uint64_t n, value_t<out> *r) {
-        if constexpr (E::is_datetime) r[0] = s.w[0] / n;
-        else r[0] = s.w[0] / static_cast<double>(n);
-    }
-};
-
-// One value of the input type, kept by a rule: the run's first, its last, or
-// the extreme (min replaces when x < acc, max unless acc > x, as the scalar
-// aggregates do).
-template <class E, class Keep>
-struct kept_family {
-    using out = E;
-    using acc = Acc<value_t<E>, 1>;
-    static acc seed(value_t<E> x) { return {{x}}; }
-    static void step(acc &s, value_t<E> x) { Keep::apply(s.w[0], x); }
-    static void finish(const acc &s, uint64_t, value_t<E> *r) { r[0] = s.w[0]; }
-};
-struct keep_min {
-    template <class T>
-    static void apply(T &acc, T x) {
-        if (x < acc) acc = x;
-    }
-};
-struct keep_max {
-    template <class T>
-    static void apply(T &acc, T x) {
-        if (!(acc > x)) acc = x;
-    }
-};
+// The run's first or last value: kept as the extremes are, by a rule.
 struct keep_first {
     template <class T>
     static void apply(T &, T) {}
@@ -349,47 +298,16 @@ struct keep_last {
     }
 };
 
-// Sums of x and x squared, finished by a variance formula.
-template <class E, class Formula>
-struct moments_family {
-    using out = Elem<QMO_SEQ_TYPE_DOUBLE>;
-    using acc = Acc<double, 2>;
-    static void terms(value_t<E> x, double (&t)[2]) {
-        const double d = static_cast<double>(x);
-        t[0] = d;
-        t[1] = d * d;
-    }
-    static void finish(const acc &s, uint64_t n, double *r) { r[0] = Formula::of(s.w[0], s.w[1], n); }
-};
-struct population {
-    static double of(double s1, double s2, uint64_t n) {
-        const double d = static_cast<double>(n);
-        return (s2 - s1 * s1 / d) / d;
-    }
-};
-// n - 1 in both places, as the scalar var_samp: (s2 - s1^2 / (n - 1)) / (n - 1).
-struct sample {
-    static double of(double s1, double s2, uint64_t n) {
-        if (n == 1) return 0.0;
-        const double d = static_cast<double>(n - 1);
-        return (s2 - s1 * s1 / d) / d;
-    }
-};
-template <class Variance>
-struct root {
-    static double of(double s1, double s2, uint64_t n) { return std::sqrt(Variance::of(s1, s2, n)); }
-};
-
-template <class E> struct run_sum : elementwise<E, sum_family<E>> {};
-template <class E> struct run_avg : elementwise<E, avg_family<E>> {};
-template <class E> struct run_min : elementwise<E, kept_family<E, keep_min>> {};
-template <class E> struct run_max : elementwise<E, kept_family<E, keep_max>> {};
-template <class E> struct run_first : elementwise<E, kept_family<E, keep_first>> {};
-template <class E> struct run_last : elementwise<E, kept_family<E, keep_last>> {};
-template <class E> struct run_var : elementwise<E, moments_family<E, population>> {};
-template <class E> struct run_var_samp : elementwise<E, moments_family<E, sample>> {};
-template <class E> struct run_dev : elementwise<E, moments_family<E, root<population>>> {};
-template <class E> struct run_dev_samp : elementwise<E, moments_family<E, root<sample>>> {};
+template <class E> struct run_sum : elementwise<E, agg::agg_sum<E>> {};
+template <class E> struct run_avg : elementwise<E, agg::agg_avg<E>> {};
+template <class E> struct run_min : elementwise<E, agg::agg_min<E>> {};
+template <class E> struct run_max : elementwise<E, agg::agg_max<E>> {};
+template <class E> struct run_first : elementwise<E, agg::extreme<E, keep_first>> {};
+template <class E> struct run_last : elementwise<E, agg::extreme<E, keep_last>> {};
+template <class E> struct run_var : elementwise<E, agg::agg_var<E>> {};
+template <class E> struct run_var_samp : elementwise<E, agg::agg_var_samp<E>> {};
+template <class E> struct run_dev : elementwise<E, agg::agg_dev<E>> {};
+template <class E> struct run_dev_samp : elementwise<E, agg::agg_dev_samp<E>> {};
 
 // Weighted mean over the positions where neither weight (operand 1) nor value
 // is null. Products in double; integer weights add up as 64-bit integers
