@@ -1,6 +1,7 @@
 // Grid aggregates: one result per interval of L consecutive input elements,
 // nulls skipped; an interval of nulls only gives a null, and the last,
 // shorter interval is delivered when the input ends.
+#include "aggregate/families.hpp"
 #include "aggregate/series.hpp"
 
 #include <algorithm>
@@ -82,19 +83,10 @@ struct moments {
     }
 };
 
-struct population {
-    static double of(double s1, double s2, uint64_t n) { return series::variance(s1, s2, static_cast<double>(n)); }
-};
-// n - 1 in both places, and 0 for a single element.
-struct sample {
-    static double of(double s1, double s2, uint64_t n) {
-        return n == 1 ? 0.0 : series::variance(s1, s2, static_cast<double>(n - 1));
-    }
-};
-template <class Variance>
-struct root {
-    static double of(double s1, double s2, uint64_t n) { return std::sqrt(Variance::of(s1, s2, n)); }
-};
+// An interval finishes as a whole sequence does: the scalar aggregates' formulas.
+using agg::population;
+using agg::root;
+using agg::sample;
 
 template <class E>
 struct var : moments<E, series::double_or_datetime<E>, population> {};

@@ -88,8 +88,8 @@ std::vector<Case> cases() {
     for (int32_t i = 0; i < 129; ++i) ones.keys.push_back(i), ones.x.push_back(i % 5 + 1);
     Case distinct{"300 runs of one in tiles of 100 and 27", {}, {}, {}, {100, 27}};
     for (int32_t i = 1; i <= 300; ++i) distinct.keys.push_back(i), distinct.x.push_back(i % 5 + 1);
-    const Case spec{"adjacent equal keys only", {1, 1, 2, 2, 2, 1}, {10, 20, 1, 2, 3, 5}};
-    return {spec, across, ones, distinct, {"no keys"}};
+    const Case example{"adjacent equal keys only", {1, 1, 2, 2, 2, 1}, {10, 20, 1, 2, 3, 5}};
+    return {example, across, ones, distinct, {"no keys"}};
 }
 
 template <class Tag>
