@@ -358,80 +358,50 @@ double sampled_symbol_changes_loop(const tape::Tape &t) {
     return static_cast<double>(runs);
 }
 
-// Trades whose symbol text matches a pattern: the ids written as names of
-// one char(8) column, matched and counted (the matches are a uint1 sequence).
+// Trades whose symbol text matches a pattern: the tape's names, one char(8)
+// column, matched and counted (the matches are a uint1 sequence).
 constexpr size_t kNameWidth = 8;
 constexpr const char *kSymbolPattern = "SYM1_%";  // ids of two or more digits starting with 1
 
-std::vector<char> symbol_names(const tape::Tape &t) {
-    std::vector<char> names(t.rows() * kNameWidth, '\0');
-    char name[16];
-    for (size_t i = 0; i < t.rows(); ++i) {
-        const int n = std::snprintf(name, sizeof name, "SYM%u", unsigned{t.symbol[i]});  // at most 8: no NUL then
-        std::memcpy(names.data() + i * kNameWidth, name, static_cast<size_t>(n));
-    }
-    return names;
-}
-
 double symbol_match_library(const tape::Tape &t) {
-    const std::vector<char> names = symbol_names(t);
     Iter symbols, matches, count;
-    check(qmo_seq_unget_char(&symbols, names.data(), t.rows(), kNameWidth), "unget_char");
+    check(qmo_seq_unget_char(&symbols, t.name.data(), t.rows(), kNameWidth), "unget_char");
     check(qmo_seq_match(&matches, &symbols, kSymbolPattern), "match");
     check(qmo_seq_agg_sum_uint1(&count, &matches), "agg_sum");
     if (t.rows() == 0) return 0;
     return static_cast<double>(read_uint8(&count));
 }
 double symbol_match_loop(const tape::Tape &t) {
-    const std::vector<char> names = symbol_names(t);
     size_t count = 0;
     for (size_t i = 0; i < t.rows(); ++i) {
-        const char *name = names.data() + i * kNameWidth;
+        const char *name = t.name.data() + i * kNameWidth;
         count += std::strncmp(name, "SYM1", 4) == 0 && name[4] != '\0';
     }
     return static_cast<double>(count);
 }
 
-// The tape sorted by symbol (by time within a symbol): sizes and symbols.
-struct BySymbol {
-    std::vector<int32_t> size;
-    std::vector<uint16_t> symbol;
-};
-BySymbol by_symbol(const tape::Tape &t) {
-    std::vector<uint32_t> order(t.rows());
-    for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
-    std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return t.symbol[a] < t.symbol[b]; });
-    BySymbol s;
-    for (uint32_t i : order) s.size.push_back(t.size[i]), s.symbol.push_back(t.symbol[i]);
-    return s;
-}
-
-// The largest average trade size of a symbol: the average per run of equal
-// symbols in the sorted tape, then the largest of those averages.
+// The largest average trade size of a symbol: a hash aggregate of the
+// average size per symbol, then the largest of those averages.
 double symbol_average_library(const tape::Tape &t) {
-    const BySymbol s = by_symbol(t);
-    Iter sizes, symbols, averages, largest;
-    qmo_seq_unget_int4(&sizes, s.size.data(), s.size.size());
-    qmo_seq_unget_uint2(&symbols, s.symbol.data(), s.symbol.size());
-    check(qmo_seq_group_agg_avg_int4(&averages, &sizes, &symbols), "group_agg_avg");
+    Iter sizes, symbols, averages, groups, largest;
+    qmo_seq_unget_int4(&sizes, t.size.data(), t.rows());
+    qmo_seq_unget_uint2(&symbols, t.symbol.data(), t.rows());
+    check(qmo_seq_hash_agg_avg_int4(&averages, &groups, &sizes, &symbols, 0), "hash_agg_avg");
     check(qmo_seq_agg_max_double(&largest, &averages), "agg_max");
-    if (t.rows() == 0) return NAN;
-    return read_double(&largest);
+    const double value = t.rows() ? read_double(&largest) : NAN;
+    qmo_seq_release_hash(&averages);
+    return value;
 }
 double symbol_average_loop(const tape::Tape &t) {
-    const BySymbol s = by_symbol(t);
-    double largest = NAN, sum = 0;
-    uint64_t n = 0;
-    for (size_t i = 0; i < s.size.size(); ++i) {
-        sum += s.size[i];
-        ++n;
-        if (i + 1 == s.size.size() || s.symbol[i + 1] != s.symbol[i]) {
-            const double average = sum / double(n);
-            if (!(largest >= average)) largest = average;
-            sum = 0;
-            n = 0;
-        }
+    std::vector<int64_t> sum(65536);
+    std::vector<uint64_t> n(65536);
+    for (size_t i = 0; i < t.rows(); ++i) {
+        sum[t.symbol[i]] += t.size[i];
+        ++n[t.symbol[i]];
     }
+    double largest = NAN;
+    for (size_t s = 0; s < n.size(); ++s)
+        if (n[s] && !(largest >= double(sum[s]) / double(n[s]))) largest = double(sum[s]) / double(n[s]);
     return largest;
 }
 
@@ -453,7 +423,8 @@ const Request kAll[] = {
     {"sampled_symbol_runs", "symbol runs in every 10th trade", sampled_symbol_changes_library,
      sampled_symbol_changes_loop, true},
     {"symbol_match", "trades whose symbol matches SYM1_%", symbol_match_library, symbol_match_loop, true},
-    {"symbol_average", "largest average trade size of a symbol", symbol_average_library, symbol_average_loop, true},
+    {"symbol_average", "largest average trade size of a symbol", symbol_average_library, symbol_average_loop,
+     false},
 };
 
 }  // namespace

@@ -38,7 +38,18 @@ Tape generate(size_t rows, uint64_t seed) {
         t.size[i] = static_cast<int32_t>(std::min(1e6, 10.0 * std::floor(pareto)));
         t.symbol[i] = static_cast<uint16_t>(std::min(499.0, std::floor(500.0 * unit(rng) * unit(rng))));
     }
+    name_symbols(t);
     return t;
+}
+
+void name_symbols(Tape &t) {
+    constexpr size_t kWidth = 8;
+    t.name.assign(t.rows() * kWidth, '\0');
+    char name[16];
+    for (size_t i = 0; i < t.rows(); ++i) {
+        const int n = std::snprintf(name, sizeof name, "SYM%u", unsigned{t.symbol[i]});  // at most 8: no NUL then
+        std::memcpy(t.name.data() + i * kWidth, name, static_cast<size_t>(n));
+    }
 }
 
 namespace {
@@ -124,6 +135,7 @@ bool load_csv(const std::string &path, Tape &out, std::string &error) {
         }
     }
     if (last_report != start) std::fprintf(stderr, "\rloading %s: %.1f million rows, done\n", path.c_str(), out.rows() / 1e6);
+    name_symbols(out);
     return true;
 }
 
@@ -220,6 +232,7 @@ bool load_columns(const std::string &dir, Tape &out, std::string &error) {
         error = dir + "/ts: time stamps are not in order";
         return false;
     }
+    if (read) name_symbols(out);
     return read;
 }
 

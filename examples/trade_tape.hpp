@@ -13,8 +13,12 @@ struct Tape {
     std::vector<double> price;     // a random walk
     std::vector<int32_t> size;     // heavy-tailed
     std::vector<uint16_t> symbol;  // skewed towards low ids
+    std::vector<char> name;        // each symbol as char(8) text "SYM<id>", derived from symbol
     size_t rows() const { return ts.size(); }
 };
+
+// Derives the name column from the symbols (the loaders and generate do).
+void name_symbols(Tape &t);
 
 // `rows` trades from one session starting at 2026-11-23 09:30 UTC.
 Tape generate(size_t rows, uint64_t seed);
