@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace py = pybind11;
@@ -45,15 +46,26 @@ struct Plan {
     std::deque<Iter> records;
     std::unordered_map<const Iter *, Iter *> groups;  // a hash aggregate's group output
     std::vector<Iter *> hashes;
+    std::vector<std::pair<int (*)(Iter *), Iter *>> resets;  // records that hold memory until reset
     explicit Plan(bool types_only = false) : probe(types_only) {}
     Plan(const Plan &) = delete;
     ~Plan() {
         for (Iter *h : hashes) qmo_seq_release_hash(h);
+        for (auto [reset, it] : resets) reset(it);
     }
     Iter *record() { return &records.emplace_back(); }
 };
 
+// Counts, or typed scalars (bounds, fillers, kinds) as the bits of their
+// little-endian bytes, zero-extended.
 using Params = std::vector<uint64_t>;
+template <class T>
+T param(const Params &p, size_t i) {
+    const uint64_t bits = p.at(i);
+    T v;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
+}
 using Make = std::function<int(Plan &, Iter *out, Iter *const *operands, const Params &)>;
 
 struct Node;
@@ -112,6 +124,7 @@ std::array<Constant, kTypeCodes> constants{};
 std::array<std::array<Make, kTypeCodes>, kTypeCodes> conversions{};
 using Sort = void (*)(const void *, uint64_t *, uint64_t, int);
 std::array<Sort, kTypeCodes> sorts{};
+std::array<int (*)(Iter *, const char *), kTypeCodes> parsers{};
 
 // Hash aggregates: a second record for the groups, released with the plan.
 template <class F>
@@ -180,6 +193,41 @@ void stamp_tables() {
 #define QMO_PY_GRID_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_COUNTED_, grid_agg_##op)
 #define QMO_PY_WINDOW_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_COUNTED_, window_agg_##op)
 #define QMO_PY_CUM_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_UNARY_, cum_agg_##op)
+#define QMO_PY_GROUP_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_BINARY_, group_agg_##op)
+#define QMO_PY_RESHAPE_(a, t, ctype, code)                                                                  \
+    add("thin", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                          \
+        return qmo_seq_thin_##t(r, o[0], p.at(0), p.at(1));                                                 \
+    });                                                                                                      \
+    add("repeat", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                        \
+        return qmo_seq_repeat_##t(r, o[0], p.at(0));                                                        \
+    });                                                                                                      \
+    add("reverse", 1, 0, code, [](Plan &plan, Iter *r, Iter *const *o, const Params &) {                    \
+        const int rc = qmo_seq_reverse_##t(r, o[0]);                                                        \
+        if (rc == QMO_SEQ_OK) plan.resets.emplace_back(qmo_seq_reverse_##t##_reset, r);                     \
+        return rc;                                                                                           \
+    });                                                                                                      \
+    QMO_PY_UNARY_(unique, t, ctype, code)
+#define QMO_PY_ANALYTICS_(a, t, ctype, code)                                                                \
+    QMO_PY_UNARY_(diff, t, ctype, code)                                                                     \
+    QMO_PY_UNARY_(trend, t, ctype, code)                                                                    \
+    QMO_PY_UNARY_(norm, t, ctype, code)                                                                     \
+    add("cross", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                         \
+        return qmo_seq_cross_##t(r, o[0], param<int32_t>(p, 0));                                            \
+    });                                                                                                      \
+    add("extrema", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                       \
+        return qmo_seq_extrema_##t(r, o[0], param<int32_t>(p, 0));                                          \
+    });                                                                                                      \
+    add("histogram", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                     \
+        return qmo_seq_histogram_##t(r, o[0], param<ctype>(p, 0), param<ctype>(p, 1), param<int64_t>(p, 2)); \
+    });
+// (target stamps, source stamps, values): the values' type chooses; one operator per stamp type.
+#define QMO_PY_STRETCH_(ts, t, ctype, code) QMO_PY_STRETCH_I_(QMO_SEQ_EXPAND ts, t, ctype, code)
+#define QMO_PY_STRETCH_I_(...) QMO_PY_STRETCH_II_(__VA_ARGS__)
+#define QMO_PY_STRETCH_II_(ts, t, ctype, code)                                                              \
+    add("stretch_" #ts, 3, 2, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                  \
+        return qmo_seq_stretch_##ts##_##t(r, o[0], o[1], o[2], param<ctype>(p, 0));                         \
+    });
+#define QMO_PY_STRETCHES_OVER_(a, ts, tsctype, tscode) QMO_SEQ_NUMERIC_TYPES(QMO_PY_STRETCH_, (ts))
 
     // Adding a family is one line here, in the shape of its constructor.
     QMO_SEQ_ARITHMETIC_OPS(QMO_PY_BINARY_FAMILY_)
@@ -196,6 +244,11 @@ void stamp_tables() {
     QMO_SEQ_GRID_AGGREGATE_OPS(QMO_PY_GRID_FAMILY_)
     QMO_SEQ_WINDOW_AGGREGATE_OPS(QMO_PY_WINDOW_FAMILY_)
     QMO_SEQ_CUM_AGGREGATE_OPS(QMO_PY_CUM_FAMILY_)
+    QMO_SEQ_GROUP_AGGREGATE_OPS(QMO_PY_GROUP_FAMILY_)
+    QMO_SEQ_NUMERIC_TYPES(QMO_PY_SELECT_, group_agg_wavg)
+    QMO_SEQ_NUMERIC_TYPES(QMO_PY_RESHAPE_, )
+    QMO_SEQ_NUMERIC_TYPES(QMO_PY_ANALYTICS_, )
+    QMO_SEQ_TIMESTAMP_TYPES(QMO_PY_STRETCHES_OVER_, )
 
     auto logic = [](int (*f)(Iter *, Iter *, Iter *)) {
         return [f](Plan &, Iter *r, Iter *const *o, const Params &) { return f(r, o[0], o[1]); };
@@ -214,6 +267,14 @@ void stamp_tables() {
             [](Plan &, Iter *r, Iter *const *o, const Params &p) { return qmo_seq_limit(r, o[0], p.at(0), p.at(1)); });
     add_any("filter_pos", 1, [](Plan &, Iter *r, Iter *const *o, const Params &) { return qmo_seq_filter_pos(r, o[0]); });
     add_any("hash_agg_count", 1, hashed(qmo_seq_hash_agg_count_uint8, false));
+    add_any("group_agg_count", 1,
+            [](Plan &, Iter *r, Iter *const *o, const Params &) { return qmo_seq_group_agg_count(r, o[0]); });
+    add_any("group_agg_approxdc", 2, [](Plan &, Iter *r, Iter *const *o, const Params &) {
+        return qmo_seq_group_agg_approxdc(r, o[0], o[1]);
+    });
+    add_any("group_agg_approxdc_hash", 2, [](Plan &, Iter *r, Iter *const *o, const Params &) {
+        return qmo_seq_group_agg_approxdc_hash(r, o[0], o[1]);
+    });
     add_any("hash_agg_approxdc", 2, hashed(qmo_seq_hash_agg_approxdc, true));
 
 #define QMO_PY_CONVERSION_(from, u, uctype, ucode) QMO_PY_CONVERSION_I_(QMO_SEQ_EXPAND from, u, ucode)
@@ -224,6 +285,9 @@ void stamp_tables() {
     };
 #define QMO_PY_CONVERSIONS_FROM_(a, t, ctype, code) QMO_SEQ_NUMERIC_TYPES_2(QMO_PY_CONVERSION_, (t, code))
     QMO_SEQ_NUMERIC_TYPES(QMO_PY_CONVERSIONS_FROM_, )
+
+#define QMO_PY_PARSE_(a, t, ctype, code) parsers[code] = qmo_seq_parse_##t;
+    QMO_SEQ_ALL_TYPES(QMO_PY_PARSE_, )
 }
 
 // ---- nodes -------------------------------------------------------------------------------------
@@ -266,6 +330,24 @@ NodePtr op_node(const std::string &name, std::vector<NodePtr> operands, Params p
     node->operands = std::move(operands);
     node->params = std::move(params);
     node->make = op.members[type];
+    return finish(node);
+}
+
+// Text operands: the node owns the text, which the record reads as it goes.
+NodePtr parse_node(int type, std::string text) {
+    if (type < 0 || type >= kTypeCodes || !parsers[type]) throw StatusError{QMO_SEQ_TYPE_MISMATCH};
+    auto node = std::make_shared<Node>();
+    const auto parse = parsers[type];
+    auto owned = std::make_shared<const std::string>(std::move(text));
+    node->make = [=](Plan &, Iter *r, Iter *const *, const Params &) { return parse(r, owned->c_str()); };
+    return finish(node);
+}
+
+NodePtr match_node(NodePtr input, std::string pattern) {
+    auto node = std::make_shared<Node>();
+    auto owned = std::make_shared<const std::string>(std::move(pattern));
+    node->operands = {std::move(input)};
+    node->make = [=](Plan &, Iter *r, Iter *const *o, const Params &) { return qmo_seq_match(r, o[0], owned->c_str()); };
     return finish(node);
 }
 
@@ -453,6 +535,8 @@ PYBIND11_MODULE(_core, m) {
     m.def("constant", &constant_node);
     m.def("op", &op_node, py::arg("name"), py::arg("operands"), py::arg("params") = Params{});
     m.def("convert", &convert_node);
+    m.def("parse", &parse_node);
+    m.def("match", &match_node);
     m.def("has_op", [](const std::string &name) { return ops.count(name) > 0; });
     m.def("evaluate", &evaluate);
     m.def("partial", &partial);

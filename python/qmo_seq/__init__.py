@@ -15,7 +15,7 @@ import numpy as np
 
 from . import _core
 
-__all__ = ["Error", "Expr", "array", "where", "merge", "result"]
+__all__ = ["Error", "Expr", "array", "parse", "where", "merge", "result"]
 
 
 class Error(Exception):
@@ -52,6 +52,14 @@ def _dtype_of(code, width, boolean=False):
     if boolean:
         return np.dtype(np.bool_)
     return np.dtype(f"S{width}") if code == CHAR else _DTYPES[code]
+
+
+def _bits(value, dtype):
+    """A typed scalar parameter: its little-endian bytes as an unsigned 64-bit word."""
+    return int.from_bytes(np.array(value, dtype=dtype).tobytes(), "little")
+
+
+_STAMPS = {2: "uint4", 3: "uint8", 12: "datetime"}
 
 
 def _unpack(raw, mask, code, width, boolean=False):
@@ -213,6 +221,58 @@ class Expr:
         """Running aggregate up to each element."""
         return self._op("cum_agg_" + op)
 
+    def group_runs(self, keys):
+        """Aggregates per run of equal consecutive keys (sorted keys: per key)."""
+        return RunGroupBy(self, keys)
+
+    # ---- reshaping and analytics ------------------------------------------------
+    def thin(self, step, origin=0):
+        """Elements origin, origin + step, ..."""
+        return self._op("thin", params=[origin, step])
+
+    def repeat(self, n):
+        return self._op("repeat", params=[n])
+
+    def reverse(self):
+        return self._op("reverse")
+
+    def unique(self):
+        """Runs of equal consecutive elements collapsed to their first; nulls dropped."""
+        return self._op("unique")
+
+    def diff(self):
+        return self._op("diff")
+
+    def trend(self):
+        """-1, 0 or 1: the sign of each change from the previous element."""
+        return self._op("trend")
+
+    def norm(self):
+        return self._op("norm")
+
+    def cross(self, kind=0):
+        """Positions where the sign changes (kind 1: upwards, -1: downwards, 0: both)."""
+        return self._op("cross", params=[_bits(kind, "i4")])
+
+    def extrema(self, kind=0):
+        """Positions of local maxima (1), minima (-1) or both (0)."""
+        return self._op("extrema", params=[_bits(kind, "i4")])
+
+    def histogram(self, low, high, bins):
+        """Counts of bins equal bins over [low, high)."""
+        return self._op("histogram", params=[_bits(low, self.dtype), _bits(high, self.dtype), _bits(bins, "i8")])
+
+    def stretch(self, stamps, onto, filler=0):
+        """This sequence, stamped by stamps, carried onto the stamps onto (filler before the first)."""
+        kind = _STAMPS.get(stamps.node.type)
+        if kind is None or onto.node.type != stamps.node.type:
+            raise TypeError("stretch takes stamps of one type: uint32, uint64 or datetime64[ns]")
+        return Expr(_core.op("stretch_" + kind, [onto.node, stamps.node, self.node], [_bits(filler, self.dtype)]))
+
+    def match(self, pattern):
+        """Whether each char element matches a pattern (% any run, _ any one, backslash escapes)."""
+        return Expr(_core.match(self.node, pattern), True)
+
     def argsort(self, descending=False):
         """The permutation (uint64) that orders the evaluated values."""
         values = np.ma.getdata(self.evaluate())
@@ -277,6 +337,39 @@ class GroupBy:
     def count(self):
         """Occurrences of each key."""
         return self._agg("count", with_values=False)
+
+
+class RunGroupBy:
+    """Aggregates per run of equal consecutive keys, in order of the runs."""
+
+    def __init__(self, values, keys):
+        self.values, self.keys = values, keys
+
+    def _agg(self, op):
+        return Expr(_core.op("group_agg_" + op, [self.values.node, self.keys.node]))
+
+    sum = lambda self: self._agg("sum")
+    mean = lambda self: self._agg("avg")
+    min = lambda self: self._agg("min")
+    max = lambda self: self._agg("max")
+    first = lambda self: self._agg("first")
+    last = lambda self: self._agg("last")
+    var = lambda self, ddof=0: self._agg("var_samp" if ddof else "var")
+    std = lambda self, ddof=0: self._agg("dev_samp" if ddof else "dev")
+    approx_distinct = lambda self: self._agg("approxdc")
+
+    def count(self):
+        return Expr(_core.op("group_agg_count", [self.keys.node]))
+
+    def wavg(self, weights):
+        """Weighted mean of the values per run."""
+        return Expr(_core.op("group_agg_wavg", [weights.node, self.values.node, self.keys.node]))
+
+
+def parse(text, dtype):
+    """A sequence of dtype read from text such as "{1,2,null}" (the library's text form)."""
+    code = _code_of(dtype)
+    return Expr(_core.parse(code, text), np.dtype(dtype) == np.bool_)
 
 
 def array(values, mask=None, offset=0):

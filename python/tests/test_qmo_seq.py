@@ -94,6 +94,43 @@ def test_top_windows_and_running_aggregates_match_numpy():
     np.testing.assert_allclose(y.cumulative("sum").evaluate(), np.cumsum(b))
 
 
+def test_reshaping_analytics_runs_stretch_and_text_reach_their_members():
+    # The binding's part: parameters, typed bounds and operand order.
+    a = np.array([3, 1, 4, 1, 5, 9, 2, 6, 5, 3] * 30, dtype=np.int16)
+    x = q.array(a)
+    np.testing.assert_array_equal(x.thin(7, origin=2).evaluate(), a[2::7])
+    np.testing.assert_array_equal(x.repeat(3).evaluate(), np.repeat(a, 3))
+    np.testing.assert_array_equal(x.reverse().evaluate(), a[::-1])
+    np.testing.assert_array_equal(q.array(np.repeat(a[:10], 20)).unique().evaluate(), a[:10])
+    np.testing.assert_array_equal(x.diff().evaluate()[1:], np.diff(a))
+    moved = np.diff(a) != 0                                            # a flat step keeps the trend
+    np.testing.assert_array_equal(x.trend().evaluate()[1:][moved], np.sign(np.diff(a))[moved])
+    side = a * 2 - 7 > 0                                               # never zero
+    changes = np.flatnonzero(side[1:] != side[:-1]) + 1
+    np.testing.assert_array_equal((x * 2 - 7).cross().evaluate(), changes)
+    assert (x * 2 - 7).cross(-1).evaluate()[0] == changes[~side[changes]][0]
+    np.testing.assert_array_equal(x.histogram(-2, 10, 3).evaluate(), np.histogram(a, 3, (-2, 10))[0])
+    with pytest.raises(q.Error) as raised:
+        x.histogram(10, -2, 3)
+    assert raised.value.status == 62
+    keys = q.array(np.repeat(np.arange(30, dtype=np.uint8), 10))
+    np.testing.assert_array_equal(x.group_runs(keys).sum().evaluate(), a.reshape(30, 10).sum(axis=1))
+    np.testing.assert_array_equal(x.group_runs(keys).count().evaluate(), np.full(30, 10))
+    stamps = np.arange(1, 300, 10).astype("M8[ns]")                  # 1, 11, 21, ...
+    onto = np.arange(0, 300, 5).astype("M8[ns]")
+    carried = q.array(np.arange(30.0)).stretch(q.array(stamps), q.array(onto), filler=-1.5).evaluate()
+    model, k, boundary, current = [], 0, 0, None                        # a value holds until its stamp
+    for t in onto.astype("i8"):
+        if k <= len(stamps) and t >= boundary:
+            current, boundary = (float(k), int(stamps[k].astype("i8"))) if k < len(stamps) else (-1.5, 0)
+            k += 1
+        model.append(current)
+    np.testing.assert_array_equal(carried, model)
+    names = np.array([b"SYM1", b"SYM12", b"SYM2", b"SYM107"], dtype="S8")
+    np.testing.assert_array_equal(q.array(names).match("SYM1_%").evaluate(), [False, True, False, True])
+    np.testing.assert_array_equal(q.parse("{1,2,null,-4}", "i8").evaluate(), np.ma.MaskedArray([1, 2, 0, -4], [0, 0, 1, 0]))
+
+
 def test_group_by_gives_keys_and_aggregates():
     keys = np.array([b"b", b"a", b"b", b"c"] * 50, dtype="S1")
     vals = np.arange(200, dtype=np.int16)
