@@ -1,10 +1,11 @@
-"""Checks that the library, DuckDB and numpy agree on every request, then
-prints the time per row of each and the peers' ratios to the library.
+"""Checks that the library (from C++ and from Python), DuckDB and numpy
+agree on every request, then prints the time per row of each and the others'
+time ratios to the library's.
 
-    /usr/bin/python3 table.py LIBRARY_JSON DUCKDB_JSON NUMPY_JSON [...]
+    /usr/bin/python3 table.py LIBRARY_JSON PYTHON_JSON DUCKDB_JSON NUMPY_JSON [...]
 
-The files come in rounds of three (library, DuckDB, numpy), each round a
-fresh run of every tool on the same tape; a request's time is its best over
+The files come in rounds of four (library, Python, DuckDB, numpy), each round
+a fresh run of every tool on the same tape; a request's time is its best over
 all rounds. Exits with 1 after printing the values when results disagree.
 """
 import json
@@ -69,15 +70,16 @@ def merged(paths, tool):
     return first
 
 
+TOOLS = ("library", "Python", "DuckDB", "numpy")  # the order of the files in a round
+
+
 def main():
     paths = sys.argv[1:]
-    if not paths or len(paths) % 3:
-        sys.exit("usage: table.py LIBRARY_JSON DUCKDB_JSON NUMPY_JSON [...]")
-    library = merged(paths[0::3], "library")
-    duckdb = merged(paths[1::3], "DuckDB")
-    numpy = merged(paths[2::3], "numpy")
+    if not paths or len(paths) % len(TOOLS):
+        sys.exit("usage: table.py LIBRARY_JSON PYTHON_JSON DUCKDB_JSON NUMPY_JSON [...]")
+    library = merged(paths[0::len(TOOLS)], "library")
+    peers = [(name, merged(paths[i::len(TOOLS)], name)) for i, name in enumerate(TOOLS) if i]
     rows = library["rows"]
-    peers = [("DuckDB", duckdb), ("numpy", numpy)]
     for name, doc in peers:
         if doc["rows"] != rows:
             sys.exit(f"{name} loaded {doc['rows']} rows, the library {rows}")
@@ -112,17 +114,17 @@ def main():
 
     rounds = library["rounds"]
     runs = f"best of {library['runs']} runs" + (f" in each of {rounds} rounds" if rounds > 1 else "")
-    print(f"{rows} rows; {runs}; {duckdb['tool']} (1 thread); {numpy['tool']}\n")
-    head = ("request", "rows", "library", "loop", "DuckDB", "numpy", "DuckDB/lib", "numpy/lib")
-    print(f"{head[0]:<36} {head[1]:>10} {head[2]:>8} {head[3]:>8} {head[4]:>8} {head[5]:>8} {head[6]:>10} {head[7]:>10}")
-    print(f"{'':<36} {'':>10} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8}")
+    print(f"{rows} rows; {runs}; " + "; ".join(doc["tool"] for _, doc in peers) + "\n")
+    names = [name for name, _ in peers]
+    print(f"{'request':<40} {'library':>8} {'loop':>8}" + "".join(f" {n:>8}" for n in names)
+          + "".join(f" {n + '/lib':>11}" for n in names))
+    print(f"{'':<40} {'ns/row':>8} {'ns/row':>8}" + f" {'ns/row':>8}" * len(names))
     for r in library["requests"]:
         lib = ns(r["seconds"])
-        duck = ns(duckdb["results"][r["key"]]["seconds"])
-        nump = ns(numpy["results"][r["key"]]["seconds"])
-        print(f"{r['name']:<36} {rows:>10} {lib:>8.3f} {ns(r['loop_seconds']):>8.3f} {duck:>8.3f} {nump:>8.3f}"
-              f" {duck / lib:>10.2f} {nump / lib:>10.2f}")
-    print("\nAll three agree: integers exactly; floating results differ from the library's by")
+        times = [ns(doc["results"][r["key"]]["seconds"]) for _, doc in peers]
+        print(f"{r['name']:<40} {lib:>8.3f} {ns(r['loop_seconds']):>8.3f}" + "".join(f" {t:>8.3f}" for t in times)
+              + "".join(f" {t / lib:>11.2f}" for t in times))
+    print("\nAll agree: integers exactly; floating results differ from the library's by")
     for spread in spreads:
         print("  " + spread)
 

@@ -1,0 +1,111 @@
+"""The trade-tape requests through the library's Python package, written as
+its user would: the same trees as the C++ demo, built and pulled from Python
+over numpy arrays. Prints each result and its best time as JSON; loading the
+tape is not timed, building each expression is.
+
+    PYTHONPATH=BUILD/python /usr/bin/python3 python_requests.py TAPE_DIR LIBRARY_JSON [RUNS]
+
+The tape is the raw columns of `qmo_seq_demo --write-columns`; the request
+parameters come from the library's JSON results.
+"""
+import json
+import math
+import sys
+import time
+
+import numpy as np
+
+import qmo_seq as q
+
+SECOND = 1_000_000  # microseconds
+
+
+def main():
+    if len(sys.argv) < 3:
+        sys.exit("usage: python_requests.py TAPE_DIR LIBRARY_JSON [RUNS]")
+    tape, library_json = sys.argv[1], sys.argv[2]
+    runs = int(sys.argv[3]) if len(sys.argv) > 3 else 5
+    with open(library_json) as f:
+        p = json.load(f)["params"]
+    p = {"window": 20, "grid": 30000, "top_trades": 10, "size_bins": 64, "sample_every": 10,
+         "symbol_pattern": "SYM1_%", **p}  # TODO: from the demo's params
+
+    # Stamps as datetime64: the library reads them as its datetime, whatever the unit.
+    ts = np.fromfile(f"{tape}/ts.u64", dtype="<u8").view("M8[ns]")
+    price = np.fromfile(f"{tape}/price.f64", dtype="<f8")
+    size = np.fromfile(f"{tape}/size.i32", dtype="<i4")
+    symbol = np.fromfile(f"{tape}/symbol.u16", dtype="<u2")
+    names = np.char.add(b"SYM", symbol.astype("S5"))  # char(8) text, as the demo's tape holds it
+    rows = len(ts)
+    stamps = ts.view("<u8")
+
+    def in_range():
+        # Bounds of the stamps' own dtype: mixed ones would convert the whole column first.
+        lo, hi = np.searchsorted(stamps, np.array([p["range_from_us"], p["range_till_us"]], dtype=stamps.dtype))
+        return q.array(price[lo:hi])
+
+    def zero_if_none(value):
+        return 0 if value is None else value
+
+    def moving_price():
+        x = q.array(price)
+        return (x.window("avg", p["window"]).sum().item() + x.window("ema", p["window"]).sum().item()
+                + x.grid("avg", p["grid"]).sum().item())
+
+    def top_trades():
+        positions = q.array(size).top_pos_max(params=[p["top_trades"]]).evaluate()
+        return sum((r + 1) * (int(size[i]) + int(i)) for r, i in enumerate(positions))
+
+    def second_close():
+        if rows == 0:
+            return 0.0
+        ends = np.arange(stamps[0] // SECOND * SECOND + SECOND, stamps[-1] + SECOND + 1, SECOND, dtype="<u8")
+        after = np.searchsorted(stamps, ends)
+        closes = price[np.maximum(after.astype(np.int64) - 1, 0)]
+        carried = q.array(closes).stretch(q.array(ends.view("M8[ns]")), q.array(ts), 0.0)
+        return zero_if_none(carried.sum().item())
+
+    def direction():
+        x = q.array(price)
+        turns = zero_if_none((x.trend().diff() != 0).sum().item())
+        crossings = (x - p["price_level"]).cross(0).agg_count().item()
+        total = turns + crossings
+        if rows == 0:
+            return total
+        low, high = q.array(size).agg_min_max().evaluate().tolist()
+        counts = q.array(size).histogram(low, high + 1, p["size_bins"]).evaluate()
+        return total + int((counts * np.arange(1, len(counts) + 1)).sum())
+
+    requests = {
+        "large_size": lambda: zero_if_none(q.array(size)[q.array(size) > p["large_trade"]].sum().item()),
+        "notional": lambda: zero_if_none((q.array(price) * q.array(size)).sum().item()),
+        "price_mean": lambda: in_range().mean().item(),
+        "price_dev": lambda: in_range().std().item(),
+        "small_trades": lambda: zero_if_none((q.array(size) <= p["small_trade"]).sum().item()),
+        "top_symbols": lambda: zero_if_none((q.array(symbol) < p["top_symbols"]).sum().item()),
+        "above_100": lambda: zero_if_none((q.array(price) > p["price_level"]).sum().item()),
+        "moving_price": moving_price,
+        "top_trades": top_trades,
+        "second_close": second_close,
+        "direction": direction,
+        "sampled_symbol_runs": lambda: q.array(symbol).thin(p["sample_every"]).unique().agg_count().item(),
+        "symbol_match": lambda: zero_if_none(q.array(names).match(p["symbol_pattern"]).sum().item()),
+        "symbol_average": lambda: q.array(size).group_by(q.array(symbol)).mean().max().item(),
+    }
+
+    results = {}
+    for key, request in requests.items():
+        best = math.inf
+        for _ in range(runs):
+            start = time.perf_counter()
+            value = request()
+            best = min(best, time.perf_counter() - start)
+        results[key] = {"value": None if isinstance(value, float) and math.isnan(value) else value,
+                        "seconds": best}
+    json.dump({"tool": f"qmo_seq from Python (numpy {np.__version__})", "rows": rows, "results": results},
+              sys.stdout, indent=2)
+    print()
+
+
+if __name__ == "__main__":
+    main()
