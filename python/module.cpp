@@ -449,11 +449,13 @@ Iter *record_for(Plan &plan, const std::string &bytes, std::vector<NodePtr> &nod
     const std::string family = name;
     std::vector<NodePtr> operands;
     Params params;
-    if (family == "filter_first_pos") {
+    if (family == "filter_first_pos" || family == "top_max" || family == "top_min") {
+        // Ranked lists begin with their limit, which the record is built with.
         uint64_t limit = 0;
         if (h.payload_bytes >= 8) std::memcpy(&limit, bytes.data() + QMO_SEQ_PARTIAL_HEADER_BYTES, 8);
         params.push_back(limit > QMO_SEQ_TILE_SIZE ? QMO_SEQ_TILE_SIZE + 1 : limit);
-        operands.push_back(empty_source(QMO_SEQ_TYPE_UINT1, 0));
+        operands.push_back(family == "filter_first_pos" ? empty_source(QMO_SEQ_TYPE_UINT1, 0)
+                                                        : empty_source(h.elem_type, 0));
     } else if (family == "hash_agg_count") {
         operands.push_back(empty_source(h.key_type, h.key_width));
     } else if (family.rfind("hash_agg_", 0) == 0) {

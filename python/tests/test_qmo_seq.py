@@ -187,6 +187,15 @@ def test_merged_partial_bytes_equal_the_whole_inputs(family, dtype, data):
         np.testing.assert_array_equal(np.ma.getdata(got), np.ma.getdata(want))
 
 
+@pytest.mark.parametrize("largest", [True, False])
+def test_merged_top_lists_equal_the_whole_inputs_top_but_keep_a_shared_value_once(largest):
+    values = np.random.default_rng(7).permutation(1000).astype("f8")   # distinct: no value is shared
+    parts = [q.array(values[lo:hi]).top(10, largest).partial() for lo, hi in [(0, 130), (130, 131), (131, 1000)]]
+    np.testing.assert_array_equal(q.result(parts), q.array(values).top(10, largest).evaluate())
+    nine_five, nine_four = (q.array(np.array(v, "i2")).top(3).partial() for v in ([9, 5], [9, 4]))
+    assert q.result([nine_five, nine_four]).tolist() == [9, 5, 4]
+
+
 def test_partials_of_another_family_or_cut_short_raise():
     x = q.array(np.arange(10, dtype=np.int32))
     with pytest.raises(q.Error) as raised:
