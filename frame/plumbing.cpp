@@ -129,7 +129,7 @@ int skip_nan_next(Iter *it) {
         // Branch-free compaction: every element is written, only kept ones advance.
         for (unsigned i = static_cast<unsigned>(offset); i < end; ++i) {
             out[kept] = x[i];
-            kept += !is_null(in, i) & !std::isnan(x[i]);
+            kept += static_cast<unsigned>(!is_null(in, i)) & static_cast<unsigned>(!std::isnan(x[i]));
         }
         offset = end;
     }
