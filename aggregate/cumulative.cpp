@@ -19,7 +19,7 @@ enum Word : unsigned { kCount, kAcc };
 // Sums and products: 64-bit of the input's signedness, double for floats;
 // a datetime sum is a double, a datetime product stays datetime.
 template <class E>
-using sum_out = std::conditional_t<E::is_datetime, Double, series::sum_elem<E>>;
+using sum_out = std::conditional_t<E::is_datetime, Double, wide_t<E>>;
 
 template <class E, class Out, class Combine>
 struct running {
@@ -52,7 +52,7 @@ struct larger {
 template <class E>
 struct sum : running<E, sum_out<E>, plus> {};
 template <class E>
-struct prd : running<E, series::sum_elem<E>, times> {};
+struct prd : running<E, wide_t<E>, times> {};
 template <class E>
 struct min : running<E, E, smaller> {};
 template <class E>
@@ -80,7 +80,7 @@ struct avg {
 template <class E, bool Sample, bool Root>
 struct moments {
     using in = E;
-    using out = series::sum_elem<E>;
+    using out = wide_t<E>;
     using A = value_t<out>;
     using T = value_t<E>;
     static constexpr unsigned K = 2;

@@ -11,14 +11,6 @@
 
 namespace qmo::agg {
 
-// Sums and products: 64-bit of the input's signedness, double for floats;
-// datetime stays datetime.
-template <class E>
-using wide_t = Elem<E::is_float      ? QMO_SEQ_TYPE_DOUBLE
-                    : E::is_datetime ? QMO_SEQ_TYPE_DATETIME
-                    : E::is_signed   ? QMO_SEQ_TYPE_INT8
-                                     : QMO_SEQ_TYPE_UINT8>;
-
 // Integer sums add modulo 2^64 in unsigned arithmetic: the same bits as a
 // wrapping signed sum, without signed overflow.
 template <class E>

@@ -21,7 +21,7 @@ enum Word : unsigned { kLength, kLive, kConsumed, kResume, kAcc };
 template <class E>
 struct sum {
     using in = E;
-    using out = series::sum_elem<E>;
+    using out = wide_t<E>;
     using A = value_t<out>;
     static constexpr unsigned K = 1;
     static void seed(A (&w)[K], value_t<E> x) { w[0] = static_cast<A>(x); }

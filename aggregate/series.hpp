@@ -13,13 +13,6 @@ namespace qmo::series {
 
 using Double = Elem<QMO_SEQ_TYPE_DOUBLE>;
 
-// Sums: 64-bit of the input's signedness, double for floats, datetime stays.
-template <class E>
-using sum_elem = Elem<E::is_float      ? QMO_SEQ_TYPE_DOUBLE
-                      : E::is_datetime ? QMO_SEQ_TYPE_DATETIME
-                      : E::is_signed   ? QMO_SEQ_TYPE_INT8
-                                       : QMO_SEQ_TYPE_UINT8>;
-
 // Means and variances are doubles, but a datetime input keeps its type.
 template <class E>
 using double_or_datetime = std::conditional_t<E::is_datetime, E, Double>;

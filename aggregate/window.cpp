@@ -32,7 +32,7 @@ struct View {
 template <class E>
 struct sum {
     using in = E;
-    using out = series::sum_elem<E>;
+    using out = wide_t<E>;
     using A = value_t<out>;
     static constexpr unsigned K = 1;
     static constexpr bool uses_ring = true;
@@ -47,7 +47,7 @@ template <class E>
 struct avg {
     using in = E;
     using out = series::double_or_datetime<E>;
-    using A = value_t<series::sum_elem<E>>;
+    using A = value_t<wide_t<E>>;
     static constexpr unsigned K = 1;
     static constexpr bool uses_ring = true;
     static value_t<out> push(A (&w)[K], value_t<E> old, value_t<E> x, uint64_t i, const View<value_t<E>> &v) {

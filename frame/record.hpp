@@ -61,6 +61,14 @@ using CharElem = Elem<QMO_SEQ_TYPE_CHAR>;
 template <class E>
 using value_t = typename E::type;
 
+// What sums and products of E's elements are kept in: 64-bit of E's
+// signedness, double for floats; datetime stays datetime.
+template <class E>
+using wide_t = Elem<E::is_float      ? QMO_SEQ_TYPE_DOUBLE
+                    : E::is_datetime ? QMO_SEQ_TYPE_DATETIME
+                    : E::is_signed   ? QMO_SEQ_TYPE_INT8
+                                     : QMO_SEQ_TYPE_UINT8>;
+
 // ---- typed views of the tile ---------------------------------------------
 
 template <class T>
