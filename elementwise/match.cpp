@@ -70,6 +70,7 @@ inline int general(const Iter *m, const char *element) noexcept {
     for (;;) {
         if (pi < len && pat[pi] == '%') {
             while (pi < len && pat[pi] == '%') ++pi;
+            if (pi >= len) return 1;  // a trailing "%" takes the rest of any element
             restart_p = pi;
             restart_e = ei;
             continue;
