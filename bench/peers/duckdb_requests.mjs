@@ -36,7 +36,7 @@ const requests = {
     above_100: `SELECT count(*) FROM trades WHERE price > ${real(p.price_level)}`,
     moving_price: { notRun: 'SQL has no exponential moving average but a recursive CTE through every row' },
     // Positions break ties in size: the earlier trade first.
-    top_trades: `SELECT sum(rank * (size + pos)) FROM (
+    top_trades: `SELECT coalesce(sum(rank * (size + pos)), 0) FROM (
         SELECT size, pos, row_number() OVER (ORDER BY size DESC, pos) AS rank
         FROM (SELECT size, pos FROM trades ORDER BY size DESC, pos LIMIT ${p.top_trades}))`,
     // Each second's close is the price of its last trade, or the close
@@ -54,7 +54,7 @@ const requests = {
         carried AS (
             SELECT pos + min(second - first - pos) OVER (ORDER BY pos ROWS UNBOUNDED PRECEDING) AS k
             FROM seconds, bounds)
-        SELECT sum(close) FROM carried JOIN closes USING (k)`,
+        SELECT coalesce(sum(close), 0) FROM carried JOIN closes USING (k)`,
     // Turns of the price's trend (the first move is one), crossings of the
     // level, and the size histogram weighted by bin number.
     direction: `WITH turns AS (

@@ -79,6 +79,8 @@ def main():
 
     def moving_price():
         w, n = p["moving_trades"], rows
+        if n == 0:
+            return 0.0
         # The window starts as w zeros: a running sum minus the sum w trades back.
         running = np.cumsum(price)
         window = running.copy()
@@ -89,6 +91,8 @@ def main():
 
     def top_trades():
         k = min(p["top_trades"], rows)
+        if k == 0:
+            return 0
         # Every trade at least as large as the k-th largest is a candidate,
         # all of a tie included; only the candidates are sorted.
         kth = np.partition(size, rows - k)[rows - k]
@@ -98,6 +102,8 @@ def main():
 
     def second_close():
         step = p["second_us"]
+        if rows == 0:
+            return 0.0
         first = stamps[0] // step
         ends = np.arange(first + 1, stamps[-1] // step + 2) * step
         closes = price[np.maximum(np.searchsorted(stamps, ends) - 1, 0)]
@@ -110,9 +116,11 @@ def main():
         return float(closes[carried].sum())
 
     def direction():
+        if rows == 0:
+            return 0
         moved = np.sign(np.diff(price))
         moved = moved[moved != 0]
-        turns = len(moved) > 0 and 1 + np.count_nonzero(moved[1:] != moved[:-1])  # the first move is a turn
+        turns = int(len(moved) > 0) + np.count_nonzero(moved[1:] != moved[:-1])  # the first move is a turn
         side = np.sign(price - p["price_level"])
         side = side[side != 0]
         crossings = np.count_nonzero(side[1:] != side[:-1])
@@ -128,13 +136,15 @@ def main():
     prefix, least = like_prefix(p["symbol_pattern"])
 
     def symbol_match():
-        chars = names.view(np.uint8).reshape(rows, -1)
+        chars = names.view(np.uint8).reshape(rows, names.itemsize)
         matched = (chars[:, :len(prefix)] == np.frombuffer(prefix, np.uint8)).all(axis=1)
         if least:  # a NUL pads the end of a shorter name
             matched &= chars[:, len(prefix) + least - 1] != 0
         return int(np.count_nonzero(matched))
 
     def symbol_average():
+        if rows == 0:
+            return math.nan
         counts = np.bincount(symbol)
         sums = np.bincount(symbol, weights=size)  # exact: the sums stay far below 2^53
         traded = counts > 0
