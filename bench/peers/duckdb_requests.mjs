@@ -34,7 +34,7 @@ const requests = {
     small_trades: `SELECT count(*) FROM trades WHERE size <= ${p.small_trade}`,
     top_symbols: `SELECT count(*) FROM trades WHERE symbol < ${p.top_symbols}`,
     above_100: `SELECT count(*) FROM trades WHERE price > ${real(p.price_level)}`,
-    moving_price: { notRun: 'SQL has no exponential moving average but a recursive CTE through every row' },
+    moving_price: { notRun: 'SQL has no exponential moving average, only a recursive CTE through every row' },
     // Positions break ties in size: the earlier trade first.
     top_trades: `SELECT coalesce(sum(rank * (size + pos)), 0) FROM (
         SELECT size, pos, row_number() OVER (ORDER BY size DESC, pos) AS rank
@@ -70,7 +70,7 @@ const requests = {
         extremes AS (SELECT min(size) AS low, max(size) AS high FROM trades),
         histogram AS (
             SELECT sum((bin + 1) * count) AS n FROM (
-                SELECT (size - low)::BIGINT * ${p.size_bins} // (high + 1 - low) AS bin, count(*) AS count
+                SELECT (size - low)::BIGINT * ${p.size_bins} // (high::BIGINT + 1 - low) AS bin, count(*) AS count
                 FROM trades, extremes GROUP BY bin))
         SELECT turns.n + crossings.n + coalesce(histogram.n, 0) FROM turns, crossings, histogram`,
     sampled_symbol_runs: `SELECT count(*) FILTER (WHERE symbol IS DISTINCT FROM before) FROM (
