@@ -106,7 +106,8 @@ for (let start = 0; start < rows; start += chunkRows) {
         bindings.copy_data_to_vector(vector, 0, c.bytes.buffer, c.bytes.byteOffset + start * c.width, n * c.width);
     });
     for (let i = 0; i < n; ++i) positions[i] = BigInt(start + i);
-    bindings.copy_data_to_vector(bindings.data_chunk_get_vector(chunk.chunk, columns.length), 0, positions.buffer, 0, n * 8);
+    const pos = bindings.data_chunk_get_vector(chunk.chunk, columns.length);
+    bindings.copy_data_to_vector(pos, 0, positions.buffer, 0, n * 8);
     chunk.rowCount = n;
     appender.appendDataChunk(chunk);
 }

@@ -37,11 +37,12 @@ def tolerance(key, rows, params, library):
     whose terms differ too. The library keeps the window sum running (two
     roundings per trade, so after i trades it is off by up to 2iu times the
     largest window); numpy differences a cumulative sum (off by the rounding
-    of the 20 additions between the two ends, each up to u times the whole
-    tape's sum). Both total about n^2 u times the largest price, against a
-    total of about 2n times the mean price: with prices within a factor 2 of
-    their mean (a random walk in cents from 100.00), 2nu. Each EMA term is
-    within a few dozen u in either tool, and so is each grid average.
+    of the additions between the window's ends, each up to u times the
+    whole tape's sum). Both total about n^2 u times the largest price,
+    against a total of about 2n times the mean price: with prices within a
+    factor 2 of their mean (a random walk in cents from 100.00), 2nu. Each
+    EMA term is within a few dozen u in either tool, and so is each grid
+    average.
     """
     n = params["range_rows"] if key in ("price_mean", "price_dev") else rows
     bound = 2 * max(n - 1, 0) * U
@@ -132,12 +133,6 @@ def main():
     def ns(seconds):
         return seconds * 1e9 / rows if rows else math.nan
 
-    rounds = library["rounds"]
-    runs = f"best of {library['runs']} runs" + (f" in each of {rounds} rounds" if rounds > 1 else "")
-    print(f"{rows} rows; {runs}; {duckdb['tool']} (1 thread); {numpy['tool']}\n")
-    head = ("request", "rows", "library", "loop", "DuckDB", "numpy", "DuckDB/lib", "numpy/lib")
-    print(f"{head[0]:<36} {head[1]:>10} {head[2]:>8} {head[3]:>8} {head[4]:>8} {head[5]:>8} {head[6]:>10} {head[7]:>10}")
-    print(f"{'':<36} {'':>10} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8}")
     def cells(doc, key, lib):
         """A peer's ns/row and ratio to the library, or "-" for a request it did not run."""
         result = doc["results"][key]
@@ -146,6 +141,12 @@ def main():
         peer = ns(result["seconds"])
         return f"{peer:>8.3f}", f"{peer / lib:>10.2f}"
 
+    rounds = library["rounds"]
+    runs = f"best of {library['runs']} runs" + (f" in each of {rounds} rounds" if rounds > 1 else "")
+    print(f"{rows} rows; {runs}; {duckdb['tool']} (1 thread); {numpy['tool']}\n")
+    head = ("request", "rows", "library", "loop", "DuckDB", "numpy", "DuckDB/lib", "numpy/lib")
+    print(f"{head[0]:<36} {head[1]:>10} {head[2]:>8} {head[3]:>8} {head[4]:>8} {head[5]:>8} {head[6]:>10} {head[7]:>10}")
+    print(f"{'':<36} {'':>10} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8} {'ns/row':>8}")
     for r in library["requests"]:
         lib = ns(r["seconds"])
         duck, duck_ratio = cells(duckdb, r["key"], lib)
