@@ -79,10 +79,16 @@ void print_json(const std::vector<Outcome> &outcomes, const tape::Tape &t, int r
                           std::lower_bound(t.ts.begin(), t.ts.end(), range.from);
     std::printf("{\n  \"rows\": %zu,\n  \"runs\": %d,\n", t.rows(), runs);
     std::printf("  \"params\": {\"large_trade\": %d, \"small_trade\": %d, \"top_symbols\": %u, "
-                "\"price_level\": %.17g, \"range_from_us\": %llu, \"range_till_us\": %llu, \"range_rows\": %lld},\n",
+                "\"price_level\": %.17g, \"range_from_us\": %llu, \"range_till_us\": %llu, \"range_rows\": %lld,\n",
                 requests::kLargeTrade, requests::kSmallTrade, unsigned{requests::kTopSymbols}, requests::kPriceLevel,
                 static_cast<unsigned long long>(range.from), static_cast<unsigned long long>(range.till),
                 static_cast<long long>(in_range));
+    std::printf("             \"moving_trades\": %llu, \"grid_trades\": %llu, \"top_trades\": %u, \"second_us\": %llu, "
+                "\"size_bins\": %lld, \"sample_every\": %llu, \"symbol_pattern\": \"%s\"},\n",
+                static_cast<unsigned long long>(requests::kMovingTrades),
+                static_cast<unsigned long long>(requests::kGridTrades), requests::kTopTrades,
+                static_cast<unsigned long long>(requests::kSecond), static_cast<long long>(requests::kSizeBins),
+                static_cast<unsigned long long>(requests::kSampleEvery), requests::kSymbolPattern);
     std::printf("  \"requests\": [\n");
     for (size_t i = 0; i < outcomes.size(); ++i) {
         const Outcome &o = outcomes[i];

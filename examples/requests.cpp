@@ -153,9 +153,6 @@ double above_level_loop(const tape::Tape &t) {
 // average of each run of 30,000 trades (about a minute on the generated
 // tape: grid intervals count trades, not time). The checksum adds up all
 // three result sequences.
-constexpr uint64_t kMovingTrades = 20;
-constexpr uint64_t kGridTrades = 30000;
-
 template <int (*Make)(Iter *, Iter *, uint64_t)>
 double price_series_total(const tape::Tape &t, uint64_t param) {
     Iter prices, series, total;
@@ -193,8 +190,6 @@ double moving_price_loop(const tape::Tape &t) {
 // The ten largest trades by size and their positions, earlier trades first
 // among equal sizes. Checksum: the sum over ranks r = 1..10 of r x (size +
 // position), so that both lists and their order count.
-constexpr unsigned kTopTrades = 10;
-
 double top_trades_checksum(const int32_t *sizes, const uint64_t *positions, size_t n) {
     double sum = 0;
     for (size_t r = 0; r < n; ++r) sum += double(r + 1) * (double(sizes[r]) + double(positions[r]));
@@ -239,7 +234,6 @@ struct Seconds {
     std::vector<uint64_t> ts;
     std::vector<double> close;
 };
-constexpr uint64_t kSecond = 1000000;
 Seconds closing_prices(const tape::Tape &t) {
     Seconds s;
     if (t.rows() == 0) return s;
@@ -281,8 +275,6 @@ double second_close_loop(const tape::Tape &t) {
 // Price direction changes and the spread of sizes, as one checksum: the
 // turns of the price's trend, its crossings of the 100.00 level, and a
 // 64-bin histogram of sizes between their extremes (bin b weighted b + 1).
-constexpr int64_t kSizeBins = 64;
-
 double direction_library(const tape::Tape &t) {
     const uint64_t n = t.rows();
     Iter prices, trend, changes, still, changed, turns;
@@ -341,8 +333,6 @@ double direction_loop(const tape::Tape &t) {
 
 // Symbol changes in a sample of the tape: every 10th trade, then the runs of
 // one symbol collapsed, counted.
-constexpr uint64_t kSampleEvery = 10;
-
 double sampled_symbol_changes_library(const tape::Tape &t) {
     Iter symbols, sample, changes, count;
     qmo_seq_unget_uint2(&symbols, t.symbol.data(), t.rows());
@@ -361,7 +351,6 @@ double sampled_symbol_changes_loop(const tape::Tape &t) {
 // Trades whose symbol text matches a pattern: the tape's names, one char(8)
 // column, matched and counted (the matches are a uint1 sequence).
 constexpr size_t kNameWidth = 8;
-constexpr const char *kSymbolPattern = "SYM1_%";  // ids of two or more digits starting with 1
 
 double symbol_match_library(const tape::Tape &t) {
     Iter symbols, matches, count;

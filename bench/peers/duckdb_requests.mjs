@@ -4,8 +4,11 @@
 //   node duckdb_requests.mjs TAPE_DIR LIBRARY_JSON RUNS
 //
 // The tape is the raw columns of `qmo_seq_demo --write-columns`; the request
-// parameters (thresholds, time range) come from the library's JSON results.
-import { DuckDBInstance, DuckDBDataChunk, TIMESTAMP, DOUBLE, INTEGER, USMALLINT } from '@duckdb/node-api';
+// parameters (thresholds, time range, windows, pattern) come from the library's
+// JSON results. Loading adds each trade's position (pos, 0 up, for the
+// requests that need the tape's order) and its symbol's name ('SYM' || symbol).
+// A request SQL cannot express is reported as not run, with the reason.
+import { DuckDBInstance, DuckDBDataChunk, TIMESTAMP, DOUBLE, INTEGER, USMALLINT, BIGINT } from '@duckdb/node-api';
 import bindings from '@duckdb/node-bindings';
 import { readFileSync } from 'node:fs';
 import { performance } from 'node:perf_hooks';
@@ -21,6 +24,8 @@ const p = JSON.parse(readFileSync(libraryJson, 'utf8')).params;
 // A DOUBLE literal, so that the comparison is between doubles.
 const real = (x) => (Number.isInteger(x) ? x.toFixed(1) : String(x));
 const inRange = `ts >= make_timestamp(${p.range_from_us}) AND ts < make_timestamp(${p.range_till_us})`;
+const text = (s) => `'${s.replaceAll("'", "''")}'`;
+const second = `epoch_us(ts) // ${p.second_us}`;
 const requests = {
     large_size: `SELECT coalesce(sum(size), 0) FROM trades WHERE size > ${p.large_trade}`,
     notional: `SELECT coalesce(sum(price * size), 0) FROM trades`,
@@ -29,12 +34,55 @@ const requests = {
     small_trades: `SELECT count(*) FROM trades WHERE size <= ${p.small_trade}`,
     top_symbols: `SELECT count(*) FROM trades WHERE symbol < ${p.top_symbols}`,
     above_100: `SELECT count(*) FROM trades WHERE price > ${real(p.price_level)}`,
+    moving_price: { notRun: 'SQL has no exponential moving average, only a recursive CTE through every row' },
+    // Positions break ties in size: the earlier trade first.
+    top_trades: `SELECT coalesce(sum(rank * (size + pos)), 0) FROM (
+        SELECT size, pos, row_number() OVER (ORDER BY size DESC, pos) AS rank
+        FROM (SELECT size, pos FROM trades ORDER BY size DESC, pos LIMIT ${p.top_trades}))`,
+    // Each second's close is the price of its last trade, or the close
+    // before it for a second without trades. A trade advances the carried
+    // close by at most one second, so it gets close number
+    // pos + min(second - pos) over the trades up to it: its own second
+    // unless seconds without trades came before it.
+    second_close: `WITH seconds AS (SELECT ${second} AS second, pos, price FROM trades),
+        bounds AS (SELECT min(second) AS first, max(second) AS last FROM seconds),
+        last_trades AS (SELECT second, arg_max(price, pos) AS close FROM seconds GROUP BY second),
+        closes AS (
+            SELECT second - first AS k, last_value(close IGNORE NULLS) OVER (ORDER BY second) AS close
+            FROM (SELECT unnest(range(first, last + 1)) AS second, first FROM bounds)
+            LEFT JOIN last_trades USING (second)),
+        carried AS (
+            SELECT pos + min(second - first - pos) OVER (ORDER BY pos ROWS UNBOUNDED PRECEDING) AS k
+            FROM seconds, bounds)
+        SELECT coalesce(sum(close), 0) FROM carried JOIN closes USING (k)`,
+    // Turns of the price's trend (the first move is one), crossings of the
+    // level, and the size histogram weighted by bin number.
+    direction: `WITH turns AS (
+            SELECT count(*) FILTER (WHERE moved IS DISTINCT FROM before) AS n FROM (
+                SELECT moved, lag(moved) OVER (ORDER BY pos) AS before
+                FROM (SELECT pos, sign(price - lag(price) OVER (ORDER BY pos)) AS moved FROM trades)
+                WHERE moved <> 0)),
+        crossings AS (
+            SELECT count(*) FILTER (WHERE side <> before) AS n FROM (
+                SELECT side, lag(side) OVER (ORDER BY pos) AS before
+                FROM (SELECT pos, sign(price - ${real(p.price_level)}) AS side FROM trades)
+                WHERE side <> 0)),
+        extremes AS (SELECT min(size) AS low, max(size) AS high FROM trades),
+        histogram AS (
+            SELECT sum((bin + 1) * count) AS n FROM (
+                SELECT (size - low)::BIGINT * ${p.size_bins} // (high::BIGINT + 1 - low) AS bin, count(*) AS count
+                FROM trades, extremes GROUP BY bin))
+        SELECT turns.n + crossings.n + coalesce(histogram.n, 0) FROM turns, crossings, histogram`,
+    sampled_symbol_runs: `SELECT count(*) FILTER (WHERE symbol IS DISTINCT FROM before) FROM (
+        SELECT symbol, lag(symbol) OVER (ORDER BY pos) AS before FROM trades WHERE pos % ${p.sample_every} = 0)`,
+    symbol_match: `SELECT count(*) FROM trades WHERE name LIKE ${text(p.symbol_pattern)}`,
+    symbol_average: `SELECT max(average) FROM (SELECT avg(size) AS average FROM trades GROUP BY symbol)`,
 };
 
 const instance = await DuckDBInstance.create(':memory:', { threads: '1' });
 const connection = await instance.connect();
 await connection.run('SET threads = 1');
-await connection.run('CREATE TABLE trades (ts TIMESTAMP, price DOUBLE, size INTEGER, symbol USMALLINT)');
+await connection.run('CREATE TABLE tape (ts TIMESTAMP, price DOUBLE, size INTEGER, symbol USMALLINT, pos BIGINT)');
 
 // The column files are the memory images DuckDB keeps (TIMESTAMP is int64
 // microseconds since the epoch), so each vector is filled by one copy.
@@ -46,9 +94,10 @@ const rows = columns[0].rows;
 for (const c of columns)
     if (c.rows !== rows) throw new Error(`${dir}/${c.name} has ${c.rows} values, ts.u64 has ${rows}`);
 
-const appender = await connection.createAppender('trades');
-const chunk = DuckDBDataChunk.create([TIMESTAMP, DOUBLE, INTEGER, USMALLINT]);
+const appender = await connection.createAppender('tape');
+const chunk = DuckDBDataChunk.create([TIMESTAMP, DOUBLE, INTEGER, USMALLINT, BIGINT]);
 const chunkRows = bindings.vector_size();
+const positions = new BigInt64Array(chunkRows);
 for (let start = 0; start < rows; start += chunkRows) {
     const n = Math.min(chunkRows, rows - start);
     chunk.reset();
@@ -56,10 +105,16 @@ for (let start = 0; start < rows; start += chunkRows) {
         const vector = bindings.data_chunk_get_vector(chunk.chunk, i);
         bindings.copy_data_to_vector(vector, 0, c.bytes.buffer, c.bytes.byteOffset + start * c.width, n * c.width);
     });
+    for (let i = 0; i < n; ++i) positions[i] = BigInt(start + i);
+    const pos = bindings.data_chunk_get_vector(chunk.chunk, columns.length);
+    bindings.copy_data_to_vector(pos, 0, positions.buffer, 0, n * 8);
     chunk.rowCount = n;
     appender.appendDataChunk(chunk);
 }
 appender.closeSync();
+// The names as VARCHAR (DuckDB's CHAR(8) is VARCHAR too), in the tape's order.
+await connection.run(`CREATE TABLE trades AS SELECT *, 'SYM' || symbol AS name FROM tape ORDER BY pos`);
+await connection.run('DROP TABLE tape');
 const loaded = (await connection.runAndReadAll('SELECT count(*) FROM trades')).getRows()[0][0];
 if (Number(loaded) !== rows) throw new Error(`loaded ${loaded} rows of ${rows}`);
 
@@ -72,6 +127,10 @@ const jsonValue = (v) => {
 
 const results = [];
 for (const [key, sql] of Object.entries(requests)) {
+    if (sql.notRun) {
+        results.push(`    "${key}": {"value": null, "seconds": null, "not_run": ${JSON.stringify(sql.notRun)}}`);
+        continue;
+    }
     let best = Infinity;
     let value;
     for (let run = 0; run < runs; ++run) {

@@ -17,9 +17,6 @@ import numpy as np
 
 import qmo_seq as q
 
-SECOND = 1_000_000  # microseconds
-
-
 def main():
     if len(sys.argv) < 3:
         sys.exit("usage: python_requests.py TAPE_DIR LIBRARY_JSON [RUNS]")
@@ -27,8 +24,6 @@ def main():
     runs = int(sys.argv[3]) if len(sys.argv) > 3 else 5
     with open(library_json) as f:
         p = json.load(f)["params"]
-    p = {"window": 20, "grid": 30000, "top_trades": 10, "size_bins": 64, "sample_every": 10,
-         "symbol_pattern": "SYM1_%", **p}  # TODO: from the demo's params
 
     # Stamps as datetime64: the library reads them as its datetime, whatever the unit.
     ts = np.fromfile(f"{tape}/ts.u64", dtype="<u8").view("M8[ns]")
@@ -49,8 +44,8 @@ def main():
 
     def moving_price():
         x = q.array(price)
-        return (x.window("avg", p["window"]).sum().item() + x.window("ema", p["window"]).sum().item()
-                + x.grid("avg", p["grid"]).sum().item())
+        return (x.window("avg", p["moving_trades"]).sum().item() + x.window("ema", p["moving_trades"]).sum().item()
+                + x.grid("avg", p["grid_trades"]).sum().item())
 
     def top_trades():
         positions = q.array(size).top_pos_max(params=[p["top_trades"]]).evaluate()
@@ -59,7 +54,8 @@ def main():
     def second_close():
         if rows == 0:
             return 0.0
-        ends = np.arange(stamps[0] // SECOND * SECOND + SECOND, stamps[-1] + SECOND + 1, SECOND, dtype="<u8")
+        second = p["second_us"]
+        ends = np.arange(stamps[0] // second * second + second, stamps[-1] + second + 1, second, dtype="<u8")
         after = np.searchsorted(stamps, ends)
         closes = price[np.maximum(after.astype(np.int64) - 1, 0)]
         carried = q.array(closes).stretch(q.array(ends.view("M8[ns]")), q.array(ts), 0.0)
