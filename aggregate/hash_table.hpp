@@ -26,19 +26,6 @@ inline const void *word_bytes(const uint64_t &word, unsigned width) noexcept {
     return width > 8 ? as_ptr<const void>(word) : &word;
 }
 
-// Calls f with the width as a constant for the fixed widths, so that hashing
-// and loading specialise; other widths pass through as they are.
-template <class F>
-inline void with_width(unsigned width, F f) {
-    switch (width) {
-    case 1: return f(std::integral_constant<unsigned, 1>{});
-    case 2: return f(std::integral_constant<unsigned, 2>{});
-    case 4: return f(std::integral_constant<unsigned, 4>{});
-    case 8: return f(std::integral_constant<unsigned, 8>{});
-    default: return f(width);
-    }
-}
-
 // MurmurHash3 of each of n elements, element i with seed(i).
 template <class Seed>
 inline void hash_elements(const char *bytes, unsigned width, unsigned n, Seed seed, uint32_t *out) {

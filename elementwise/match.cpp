@@ -100,6 +100,56 @@ inline int general(const Iter *m, const char *element) noexcept {
     }
 }
 
+// Patterns of fixed shape, literals and "_" with only "%" after them (SYM1_%),
+// ask the same of every element: those bytes in place, and the element no
+// longer (no "%") or not shorter. For elements of at most 8 bytes that is a
+// few word operations instead of a walk.
+struct FixedShape {
+    uint64_t literal_mask, literal_bits;  // bytes that must equal the pattern's
+    uint64_t any_mask;                    // bytes that must not be NUL ("_")
+    unsigned length;                      // pattern bytes before any "%"
+    bool open_end;                        // a trailing "%"
+};
+
+inline bool fixed_shape(const Iter *m, FixedShape &f) noexcept {
+    const Pattern p = pattern_of(m);
+    if (p.width > 8) return false;
+    f = FixedShape{0, 0, 0, 0, false};
+    for (uint32_t i = 0; i < p.length; ++i) {
+        const unsigned char c = p.text[i];
+        if (c == '%') {
+            f.open_end = true;
+        } else if (f.open_end || c == '\\' || i >= 8) {
+            return false;
+        } else {
+            const uint64_t byte = uint64_t{0xFF} << (8 * i);
+            if (c == '_') f.any_mask |= byte;
+            else f.literal_mask |= byte, f.literal_bits |= uint64_t{c} << (8 * i);
+            ++f.length;
+        }
+    }
+    return true;
+}
+
+void match_fixed(const FixedShape &f, const char *values, unsigned w, unsigned n, uint8_t *out) noexcept {
+    constexpr uint64_t kOnes = 0x0101010101010101u, kHighs = 0x8080808080808080u;
+    if (f.length > w) {  // the literals cannot fit
+        std::memset(out, 0, n);
+        return;
+    }
+    // No "%": the byte after the pattern ends the element, unless the width does.
+    const uint64_t end_mask = !f.open_end && f.length < w ? uint64_t{0xFF} << (8 * f.length) : 0;
+    with_width(w, [&](auto width) {
+        for (unsigned i = 0; i < n; ++i) {
+            uint64_t x = 0;
+            std::memcpy(&x, values + size_t{i} * width, width);
+            const uint64_t present = x | ~f.any_mask;  // a zero byte here is a NUL under "_"
+            const bool any_nul = ((present - kOnes) & ~present & kHighs) != 0;
+            out[i] = static_cast<uint8_t>((x & f.literal_mask) == f.literal_bits && !any_nul && (x & end_mask) == 0);
+        }
+    });
+}
+
 template <int (*Match)(const Iter *, const char *)>
 void match_all(const Iter *m, const char *values, unsigned w, unsigned n, uint8_t *out) noexcept {
     for (unsigned i = 0; i < n; ++i) out[i] = static_cast<uint8_t>(Match(m, values + size_t{i} * w));
@@ -114,6 +164,7 @@ int match_next(Iter *it) noexcept {
     const auto chosen = reinterpret_cast<qmo_seq_matcher_fn>(static_cast<uintptr_t>(it->state[0]));
     if (chosen == qmo_seq_exact_match) match_all<exact>(it, values, w, n, out);
     else if (chosen == qmo_seq_match_substring) match_all<substring>(it, values, w, n, out);
+    else if (FixedShape f; chosen == qmo_seq_match_regex && fixed_shape(it, f)) match_fixed(f, values, w, n, out);
     else if (chosen == qmo_seq_match_regex) match_all<general>(it, values, w, n, out);
     else
         for (unsigned i = 0; i < n; ++i) out[i] = static_cast<uint8_t>(chosen(it, values + size_t{i} * w));

@@ -101,6 +101,19 @@ inline unsigned elem_width(const Iter *it) noexcept {
     else return E::size;
 }
 
+// Calls f with an element width as a constant for the power-of-two widths up
+// to 8, so that loads and loops specialise; other widths pass through as they are.
+template <class F>
+inline void with_width(unsigned width, F f) {
+    switch (width) {
+    case 1: return f(std::integral_constant<unsigned, 1>{});
+    case 2: return f(std::integral_constant<unsigned, 2>{});
+    case 4: return f(std::integral_constant<unsigned, 4>{});
+    case 8: return f(std::integral_constant<unsigned, 8>{});
+    default: return f(width);
+    }
+}
+
 // Element j of `from`'s tile into slot i of `to`'s (same element type).
 template <class E>
 inline void copy_elem(Iter *to, unsigned i, const Iter *from, unsigned j) noexcept {
