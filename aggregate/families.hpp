@@ -24,6 +24,20 @@ struct agg_sum {
     using acc = Acc<A, 1>;
     static void terms(value_t<E> x, A (&t)[1]) { t[0] = static_cast<A>(x); }
     static void finish(const acc &s, uint64_t, value_t<out> *r) { r[0] = static_cast<value_t<out>>(s.w[0]); }
+
+    // Narrow integers (counts of conditions above all) add a tile in a lane
+    // twice their width: 128 of them cannot overflow it, the 64-bit sum
+    // modulo 2^64 is the same, and twice as many lanes fit a vector.
+    using T = value_t<E>;
+    using Part = std::conditional_t<sizeof(T) == 1, std::conditional_t<std::is_signed_v<T>, int16_t, uint16_t>,
+                                    std::conditional_t<std::is_signed_v<T>, int32_t, uint32_t>>;
+    static void fold_tile(acc &s, const T *x, unsigned n)
+        requires(std::is_integral_v<T> && sizeof(T) <= 2)
+    {
+        Part part = 0;
+        for (unsigned i = 0; i < n; ++i) part = static_cast<Part>(part + x[i]);
+        s.w[0] += static_cast<A>(static_cast<int64_t>(part));
+    }
 };
 
 template <class E>

@@ -105,10 +105,12 @@ inline void join_of(typename F::acc &into, const typename F::acc &from) {
     }
 }
 
-// Folds n elements of a tile without nulls.
+// Folds n (at most a tile) elements without nulls.
 template <class F, class T>
 inline void fold_dense(typename F::acc &s, const T *x, unsigned n) {
-    if constexpr (Sums<F>) {
+    if constexpr (requires { F::fold_tile(s, x, n); }) {
+        F::fold_tile(s, x, n);
+    } else if constexpr (Sums<F>) {
         sum_terms(s.w, n, [x](unsigned i, auto &t) { F::terms(x[i], t); });
     } else {
         for (unsigned i = 0; i < n; ++i) F::step(s, x[i]);
