@@ -144,8 +144,9 @@ void match_fixed(const FixedShape &f, const char *values, unsigned w, unsigned n
             uint64_t x = 0;
             std::memcpy(&x, values + size_t{i} * width, width);
             const uint64_t present = x | ~f.any_mask;  // a zero byte here is a NUL under "_"
-            const bool any_nul = ((present - kOnes) & ~present & kHighs) != 0;
-            out[i] = static_cast<uint8_t>((x & f.literal_mask) == f.literal_bits && !any_nul && (x & end_mask) == 0);
+            const uint64_t nul_bits = (present - kOnes) & ~present & kHighs;
+            // One expression without branches: whether elements match is data, not a pattern to predict.
+            out[i] = static_cast<uint8_t>((((x & f.literal_mask) ^ f.literal_bits) | nul_bits | (x & end_mask)) == 0);
         }
     });
 }
