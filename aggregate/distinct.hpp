@@ -46,7 +46,7 @@ inline uint32_t finalize(uint32_t h, size_t len) noexcept {
 
 // MurmurHash3 x86 32-bit of len bytes. Inline so that hot loops over
 // fixed-width elements get a version specialised for their width.
-inline uint32_t murmur_hash3_32(const void *data, size_t len, uint32_t seed) noexcept {
+[[gnu::always_inline]] inline uint32_t murmur_hash3_32(const void *data, size_t len, uint32_t seed) noexcept {
     const auto *p = static_cast<const unsigned char *>(data);
     uint32_t h = seed;
     const size_t blocks = len / 4;
