@@ -126,9 +126,9 @@ TYPED_TEST(Stretch, ConstructionChecksTypesThenBindings) {
         int status;
         Iter *target, *stamps, *values, *bound;
     } rows[] = {
-        {QMO_SEQ_TYPE_MISMATCH, &t.it, &wrong_ts.it, &v.it, &t.it},  // types are checked first
-        {QMO_SEQ_TYPE_MISMATCH, &wrong_ts.it, &s.it, &v.it, nullptr},
-        {QMO_SEQ_TYPE_MISMATCH, &t.it, &s.it, &wrong_v.it, nullptr},
+        {QMO_SEQ_TYPE_MISMATCH, &t.it, &wrong_ts.it, &v.it, &t.it},  // types are checked before bindings
+        {QMO_SEQ_TYPE_MISMATCH, &wrong_ts.it, &s.it, &v.it, &s.it},
+        {QMO_SEQ_TYPE_MISMATCH, &t.it, &s.it, &wrong_v.it, &t.it},
         {QMO_SEQ_ALREADY_BOUND, &t.it, &s.it, &v.it, &t.it},
         {QMO_SEQ_ALREADY_BOUND, &t.it, &s.it, &v.it, &s.it},
         {QMO_SEQ_ALREADY_BOUND, &t.it, &s.it, &v.it, &v.it},
