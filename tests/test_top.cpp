@@ -100,15 +100,19 @@ TYPED_TEST(TopN, PreparedPartitionsMergeByTheRule) {
 }
 
 TEST(TopNQuirks, EqualValuesRankByArrivalInAPassButMergeOnce) {
-    Source<t_int4> a({5, 7, 7}), b({5, 7, 7}), nine_five({9, 5}), nine_four({9, 4});
+    Source<t_int4> a({5, 7, 7}), b({5, 7, 7}), nine_five({9, 5}), nine_four({9, 4}), five_three_one({5, 3, 1}), six({6});
     Iter top, at, into, from;
     ASSERT_EQ(qmo_seq_top_max_int4(&top, &a.it, 2) | qmo_seq_top_pos_max_int4(&at, &b.it, 2), 0);
     EXPECT_EQ(pull(&top), (std::vector<double>{7, 7}));
     EXPECT_EQ(pull(&at), (std::vector<double>{1, 2}));
-    ASSERT_EQ(qmo_seq_top_max_int4(&into, &nine_five.it, 3) | qmo_seq_top_max_int4(&from, &nine_four.it, 3), 0);
-    qmo_seq_prepare_aggregate(&into), qmo_seq_prepare_aggregate(&from);
-    ASSERT_EQ(qmo_seq_top_max_int4_merge(&into, &from), 0);
-    EXPECT_EQ(pull(&into), (std::vector<double>{9, 5, 4}));
+    // A value both lists hold is kept once; a full list gives up its last.
+    for (auto [x, y, want] : {std::tuple{&nine_five, &nine_four, std::vector<double>{9, 5, 4}},
+                              std::tuple{&five_three_one, &six, std::vector<double>{6, 5, 3}}}) {
+        ASSERT_EQ(qmo_seq_top_max_int4(&into, &x->it, 3) | qmo_seq_top_max_int4(&from, &y->it, 3), 0);
+        qmo_seq_prepare_aggregate(&into), qmo_seq_prepare_aggregate(&from);
+        ASSERT_EQ(qmo_seq_top_max_int4_merge(&into, &from), 0);
+        EXPECT_EQ(pull(&into), want);
+    }
     // A NaN is never better than a kept value: it takes the last place of a list with room, then holds it.
     Source<t_double> nan({1, std::nan(""), 3});
     ASSERT_EQ(qmo_seq_top_max_double(&top, &nan.it, 2), 0);
@@ -122,11 +126,8 @@ TEST(TopNProtocol, ChecksInOrderAndNothingWrittenBeyondTheBinding) {
     bound.it.bound = 1;
     expect_refused(QMO_SEQ_TYPE_MISMATCH, [&](Iter *o) { return qmo_seq_top_min_int4(o, &i8.it, 200); }, {&i8.it});
     expect_refused(QMO_SEQ_ALREADY_BOUND, [&](Iter *o) { return qmo_seq_top_pos_max_int4(o, &bound.it, 200); }, {});
-    Iter out, before;
-    std::memset(&out, 0xAB, sizeof out);
-    before = out;
-    EXPECT_EQ(qmo_seq_top_max_int4(&out, &i4.it, 129), QMO_SEQ_INVALID_ARGUMENT);
-    EXPECT_TRUE(i4.it.bound == 1 && std::memcmp(&out, &before, sizeof out) == 0) << "input bound, result untouched";
+    expect_refused(QMO_SEQ_INVALID_ARGUMENT, [&](Iter *o) { return qmo_seq_top_max_int4(o, &i4.it, 129); }, {&i4.it}, true);
+    Iter out;
     i4.it.bound = 0;
     ASSERT_EQ(qmo_seq_top_max_int4(&out, &i4.it, 128), 0);
     EXPECT_TRUE(out.prepare == qmo_seq_prepare_aggregate && out.merge == qmo_seq_top_max_int4_merge);
