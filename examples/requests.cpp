@@ -115,7 +115,7 @@ double price_dev_loop(const tape::Tape &t) { return price_moments_loop(t).dev; }
 // condition is a uint1 sequence of 0s and 1s, so its sum is the count.
 template <class T, int (*Unget)(Iter *, const T *, uint64_t), int (*Const)(Iter *, T),
           int (*Compare)(Iter *, Iter *, Iter *)>
-double count_where(const tape::Tape &t, const std::vector<T> &column, T bound) {
+double count_where(const tape::Tape &t, const tape::Column<T> &column, T bound) {
     Iter values, threshold, cond, count;
     Unget(&values, column.data(), column.size());
     Const(&threshold, bound);

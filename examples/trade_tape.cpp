@@ -12,9 +12,35 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <random>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
 namespace tape {
+
+namespace {
+constexpr size_t kHugePage = size_t{2} << 20;
+constexpr size_t kLargeColumn = size_t{4} << 20;  // where numpy starts to ask for huge pages
+}  // namespace
+
+void *allocate_column(size_t bytes) {
+    if (bytes < kLargeColumn) return ::operator new(bytes);
+    const size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+    void *p = std::aligned_alloc(kHugePage, rounded);
+    if (!p) throw std::bad_alloc();
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    madvise(p, rounded, MADV_HUGEPAGE);  // advice only: a refusal changes nothing but speed
+#endif
+    return p;
+}
+
+void free_column(void *p, size_t bytes) noexcept {
+    if (bytes < kLargeColumn) ::operator delete(p);
+    else std::free(p);
+}
 
 Tape generate(size_t rows, uint64_t seed) {
     Tape t;
