@@ -10,10 +10,11 @@ JSON results. The symbol names ("SYM<id>" as char(8) bytes) are built at load.
 import json
 import math
 import sys
-import time
 import warnings
 
 import numpy as np
+
+import timing
 
 
 def ema(x, a, block=32):
@@ -180,19 +181,10 @@ def main():
         "symbol_average": symbol_average,
     }
 
-    results = {}
     with warnings.catch_warnings():
         warnings.simplefilter("ignore", RuntimeWarning)  # mean of an empty range is nan
-        for key, request in requests.items():
-            best = math.inf
-            for _ in range(runs):
-                start = time.perf_counter()
-                value = request()
-                best = min(best, time.perf_counter() - start)
-            results[key] = {"value": None if isinstance(value, float) and math.isnan(value) else value,
-                            "seconds": best}
-    json.dump({"tool": f"numpy {np.__version__}", "rows": rows, "results": results}, sys.stdout, indent=2)
-    print()
+        results = timing.best_of(requests, runs)
+    timing.dump(f"numpy {np.__version__}", rows, results)
 
 
 if __name__ == "__main__":

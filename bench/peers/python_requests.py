@@ -9,13 +9,13 @@ The tape is the raw columns of `qmo_seq_demo --write-columns`; the request
 parameters come from the library's JSON results.
 """
 import json
-import math
 import sys
-import time
 
 import numpy as np
 
 import qmo_seq as q
+import timing
+
 
 def main():
     if len(sys.argv) < 3:
@@ -89,18 +89,7 @@ def main():
         "symbol_average": lambda: q.array(size).group_by(q.array(symbol)).mean().max().item(),
     }
 
-    results = {}
-    for key, request in requests.items():
-        best = math.inf
-        for _ in range(runs):
-            start = time.perf_counter()
-            value = request()
-            best = min(best, time.perf_counter() - start)
-        results[key] = {"value": None if isinstance(value, float) and math.isnan(value) else value,
-                        "seconds": best}
-    json.dump({"tool": f"qmo_seq from Python (numpy {np.__version__})", "rows": rows, "results": results},
-              sys.stdout, indent=2)
-    print()
+    timing.dump(f"qmo_seq from Python (numpy {np.__version__})", rows, timing.best_of(requests, runs))
 
 
 if __name__ == "__main__":
