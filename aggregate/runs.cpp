@@ -398,21 +398,10 @@ struct run_approxdc {
     }
     static void fold_bytes(acc &s, uint64_t &present, const Iter *op, unsigned i, unsigned j, bool dense) {
         const char *bytes = tile<char>(op);
-        auto fixed = [&](auto width) {
+        with_width(op->elem_size, [&](auto w) {
             add_all(s, present, op, i, j, dense,
-                    [&](unsigned l) { return murmur_hash3_32(bytes + l * width(), width(), kHashSeed); });
-        };
-        switch (op->elem_size) {
-        case 1: return fixed(std::integral_constant<size_t, 1>{});
-        case 2: return fixed(std::integral_constant<size_t, 2>{});
-        case 4: return fixed(std::integral_constant<size_t, 4>{});
-        case 8: return fixed(std::integral_constant<size_t, 8>{});
-        default: {
-            const size_t width = op->elem_size;
-            add_all(s, present, op, i, j, dense,
-                    [&](unsigned l) { return murmur_hash3_32(bytes + l * width, width, kHashSeed); });
-        }
-        }
+                    [&](unsigned l) { return murmur_hash3_32(bytes + size_t{l} * w, w, kHashSeed); });
+        });
     }
     static bool emit(const acc &s, uint64_t present, uint64_t, uint32_t *r) {
         if (present == 0) return false;

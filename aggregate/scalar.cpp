@@ -85,19 +85,9 @@ inline void sketch_tile(uint8_t *registers, const Iter *op, Hash hash) {
 // Fixed widths get a hash specialised for their size.
 inline void sketch_elements(uint8_t *registers, const Iter *op) {
     const char *bytes = tile<char>(op);
-    auto fixed = [&](auto width) {
-        sketch_tile(registers, op, [&](unsigned i) { return murmur_hash3_32(bytes + i * width(), width(), kHashSeed); });
-    };
-    switch (op->elem_size) {
-    case 1: return fixed(std::integral_constant<size_t, 1>{});
-    case 2: return fixed(std::integral_constant<size_t, 2>{});
-    case 4: return fixed(std::integral_constant<size_t, 4>{});
-    case 8: return fixed(std::integral_constant<size_t, 8>{});
-    default: {
-        const size_t width = op->elem_size;
-        sketch_tile(registers, op, [&](unsigned i) { return murmur_hash3_32(bytes + i * width, width, kHashSeed); });
-    }
-    }
+    with_width(op->elem_size, [&](auto w) {
+        sketch_tile(registers, op, [&](unsigned i) { return murmur_hash3_32(bytes + size_t{i} * w, w, kHashSeed); });
+    });
 }
 
 inline void sketch_hashes(uint8_t *registers, const Iter *op) {
