@@ -7,7 +7,6 @@ The tape is the raw columns of `qmo_seq_demo --write-columns`; the request
 parameters (thresholds, time range, windows, pattern) come from the library's
 JSON results. The symbol names ("SYM<id>" as char(8) bytes) are built at load.
 """
-import json
 import math
 import sys
 import warnings
@@ -58,12 +57,7 @@ def like_prefix(pattern):
 
 
 def main():
-    if len(sys.argv) < 3:
-        sys.exit("usage: numpy_requests.py TAPE_DIR LIBRARY_JSON [RUNS]")
-    tape, library_json = sys.argv[1], sys.argv[2]
-    runs = int(sys.argv[3]) if len(sys.argv) > 3 else 5
-    with open(library_json) as f:
-        p = json.load(f)["params"]
+    tape, p, runs = timing.arguments()
 
     stamps = np.fromfile(f"{tape}/ts.u64", dtype="<i8")  # microseconds, far below 2^63
     ts = stamps.view("datetime64[us]")

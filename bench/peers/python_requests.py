@@ -8,8 +8,6 @@ tape is not timed, building each expression is.
 The tape is the raw columns of `qmo_seq_demo --write-columns`; the request
 parameters come from the library's JSON results.
 """
-import json
-import sys
 
 import numpy as np
 
@@ -18,12 +16,7 @@ import timing
 
 
 def main():
-    if len(sys.argv) < 3:
-        sys.exit("usage: python_requests.py TAPE_DIR LIBRARY_JSON [RUNS]")
-    tape, library_json = sys.argv[1], sys.argv[2]
-    runs = int(sys.argv[3]) if len(sys.argv) > 3 else 5
-    with open(library_json) as f:
-        p = json.load(f)["params"]
+    tape, p, runs = timing.arguments()
 
     # Stamps as datetime64: the library reads them as its datetime, whatever the unit.
     ts = np.fromfile(f"{tape}/ts.u64", dtype="<u8").view("M8[ns]")

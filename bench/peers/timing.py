@@ -1,8 +1,19 @@
-"""What the Python peers share: each request's best time over some runs, as JSON."""
+"""What the Python peers share: their arguments, and each request's best time
+over some runs, as JSON."""
 import json
 import math
+import os
 import sys
 import time
+
+
+def arguments():
+    """TAPE_DIR, the request parameters from LIBRARY_JSON, and RUNS (default 5)."""
+    if len(sys.argv) < 3:
+        sys.exit(f"usage: {os.path.basename(sys.argv[0])} TAPE_DIR LIBRARY_JSON [RUNS]")
+    with open(sys.argv[2]) as f:
+        params = json.load(f)["params"]
+    return sys.argv[1], params, int(sys.argv[3]) if len(sys.argv) > 3 else 5
 
 
 def best_of(requests, runs):
