@@ -162,13 +162,23 @@ int next(Iter *it) {
     return deliver(it, len);
 }
 
+// The registry's names of the operations.
+template <class E> using cum_agg_sum = sum<E>;
+template <class E> using cum_agg_avg = avg<E>;
+template <class E> using cum_agg_prd = prd<E>;
+template <class E> using cum_agg_min = min<E>;
+template <class E> using cum_agg_max = max<E>;
+template <class E> using cum_agg_var = var<E>;
+template <class E> using cum_agg_var_samp = var_samp<E>;
+template <class E> using cum_agg_dev = dev<E>;
+template <class E> using cum_agg_dev_samp = dev_samp<E>;
+
 }  // namespace qmo::cum
 
-#define QMO_STAMP_CUM_(op, t, ctype, code)                                                                   \
-    QMO_STAMP_SERIES_NEXT_(cum, op, t, code)                                                                 \
-    QMO_EXPORT int qmo_seq_cum_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {      \
-        return qmo::series::construct<QMO_SERIES_OP_(cum, op, code)>(                                        \
-            result, input, qmo_seq_cum_agg_##op##_##t##_next, qmo_seq_reset_unary_iterator);                 \
+#define QMO_STAMP_UNARY(family, t, ctype, code)                                                          \
+    QMO_STAMP_SERIES_NEXT_(cum, family, t, code)                                                         \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {        \
+        return qmo::series::construct<QMO_SERIES_OP_(cum, family, code)>(                                \
+            result, input, qmo_seq_##family##_##t##_next, qmo_seq_reset_unary_iterator);                 \
     }
-#define QMO_STAMP_CUM_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_CUM_, op)
-QMO_SEQ_CUM_AGGREGATE_OPS(QMO_STAMP_CUM_OP_)
+QMO_SEQ_CUMULATIVE_FAMILIES(QMO_STAMP_FAMILY)

@@ -14,6 +14,7 @@ using series::Double;
 // consumed counts, the resume index into the operand's tile (the three that
 // qmo_seq_reset_unary_agg_iterator clears), then the accumulators.
 enum Word : unsigned { kLength, kLive, kConsumed, kResume, kAcc };
+static_assert(cleared_by_agg_reset(kLive) && cleared_by_agg_reset(kConsumed) && cleared_by_agg_reset(kResume));
 
 // Op protocol: K accumulator words of type A, seeded by an interval's first
 // non-null element, folded with each further one, finished with the count.
@@ -192,14 +193,22 @@ int construct(Iter *result, Iter *input, uint64_t length, qmo_seq_next_fn next_f
     return QMO_SEQ_OK;
 }
 
+// The registry's names of the operations.
+template <class E> using grid_agg_sum = sum<E>;
+template <class E> using grid_agg_avg = avg<E>;
+template <class E> using grid_agg_min = min<E>;
+template <class E> using grid_agg_max = max<E>;
+template <class E> using grid_agg_var = var<E>;
+template <class E> using grid_agg_var_samp = var_samp<E>;
+template <class E> using grid_agg_dev = dev<E>;
+template <class E> using grid_agg_dev_samp = dev_samp<E>;
+
 }  // namespace qmo::grid
 
-#define QMO_STAMP_GRID_(op, t, ctype, code)                                                                  \
-    QMO_STAMP_SERIES_NEXT_(grid, op, t, code)                                                                \
-    QMO_EXPORT int qmo_seq_grid_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,        \
-                                               uint64_t interval) {                                          \
-        return qmo::grid::construct<QMO_SERIES_OP_(grid, op, code)>(result, input, interval,                \
-                                                                     qmo_seq_grid_agg_##op##_##t##_next);    \
+#define QMO_STAMP_COUNTED(family, t, ctype, code)                                                           \
+    QMO_STAMP_SERIES_NEXT_(grid, family, t, code)                                                           \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t n) { \
+        return qmo::grid::construct<QMO_SERIES_OP_(grid, family, code)>(result, input, n,                   \
+                                                                         qmo_seq_##family##_##t##_next);    \
     }
-#define QMO_STAMP_GRID_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_GRID_, op)
-QMO_SEQ_GRID_AGGREGATE_OPS(QMO_STAMP_GRID_OP_)
+QMO_SEQ_GRID_FAMILIES(QMO_STAMP_FAMILY)

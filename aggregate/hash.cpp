@@ -312,11 +312,11 @@ int hash_next(Iter *it) {
              qmo_seq_hash_initialize_##name, qmo_seq_hash_merge_##name});                             \
     }
 
-#define QMO_STAMP_HASH_TYPED_(op, t, ctype, tc) QMO_STAMP_HASH_MEMBER_(op##_##t, qmo::hash::op<qmo::Elem<tc>>)
-#define QMO_STAMP_HASH_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_HASH_TYPED_, op)
-QMO_SEQ_HASH_AGGREGATE_OPS(QMO_STAMP_HASH_OP_)
-QMO_STAMP_HASH_MEMBER_(count_uint8, qmo::hash::count)
-QMO_STAMP_HASH_MEMBER_(approxdc, qmo::hash::approxdc)
+// The family is the policy's name: qmo::hash::sum<E>, qmo::hash::count, qmo::hash::approxdc.
+#define QMO_STAMP_HASH(op, t, ctype, tc) QMO_STAMP_HASH_MEMBER_(op##_##t, qmo::hash::op<qmo::Elem<tc>>)
+#define QMO_STAMP_HASH_COUNT(op, t, ctype, tc) QMO_STAMP_HASH_MEMBER_(op##_##t, qmo::hash::op)
+#define QMO_STAMP_HASH_SKETCH(op, t, ctype, tc) QMO_STAMP_HASH_MEMBER_(op, qmo::hash::op)
+QMO_SEQ_HASH_FAMILIES(QMO_STAMP_FAMILY)
 
 // Occurrences of each key.
 QMO_EXPORT int qmo_seq_hash_agg_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp, qmo_seq_iterator_t *keys,

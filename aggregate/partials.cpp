@@ -17,14 +17,6 @@ static_assert(std::endian::native == std::endian::little, "the format is written
 inline constexpr size_t kHeader = QMO_SEQ_PARTIAL_HEADER_BYTES;
 inline constexpr uint8_t kAny = QMO_SEQ_PARTIAL_ANY_TYPE;
 
-constexpr uint16_t family_code(std::string_view family) {
-#define QMO_PARTIAL_CODE_(name, NAME, code) \
-    if (family == #name) return code;
-    QMO_SEQ_PARTIAL_FAMILIES(QMO_PARTIAL_CODE_)
-#undef QMO_PARTIAL_CODE_
-    return 0;
-}
-
 // Bounds-checked little-endian reads and writes over a byte range.
 struct Reader {
     const unsigned char *at;
@@ -249,32 +241,78 @@ struct Member {
     const Kind *kind;
 };
 
-#define QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind) \
-    Member{qmo_seq_##family##_##t##_next, family_code(#family), code, &kind},
-#define QMO_PARTIAL_FOLD_(family, t, ctype, code) \
-    QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind_of<fold<agg::kCountWord>>)
-#define QMO_PARTIAL_PAIR_(family, t, ctype, code) \
-    QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind_of<fold<agg::kPairCountWord>>)
-#define QMO_PARTIAL_HASH_(op, t, ctype, code) \
-    Member{qmo_seq_hash_agg_##op##_##t##_next_agg, family_code("hash_agg_" #op), code, &hashed_kind<false>},
-#define QMO_PARTIAL_TOP_(family, t, ctype, code) QMO_PARTIAL_MEMBER_(family, t, ctype, code, kind_of<top_list>)
-#define QMO_PARTIAL_TOPS_(family) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_TOP_, family)
-#define QMO_PARTIAL_FOLDS_(family) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_FOLD_, family)
-#define QMO_PARTIAL_PAIRS_(family) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_PAIR_, family)
-#define QMO_PARTIAL_HASHES_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PARTIAL_HASH_, op)
+// The members, expanded from the registry: each row whose shape holds a
+// partial result (QMO_SEQ_MERGE_<shape> other than NONE) gives one member per
+// type, tagged with the row's partial code.
+#define QMO_PARTIAL_ROW_(family, shape, types, partial, statuses, doc) \
+    QMO_PARTIAL_ROW_I_(QMO_SEQ_MERGE_##shape, family, types, partial)
+#define QMO_PARTIAL_ROW_I_(merge, family, types, partial) QMO_PARTIAL_ROW_II_(merge, family, types, partial)
+#define QMO_PARTIAL_ROW_II_(merge, family, types, partial) QMO_PARTIAL_##merge(family, types, partial)
 
-const Member kMembers[] = {
-    QMO_SEQ_AGGREGATE_OPS(QMO_PARTIAL_FOLDS_)
-    QMO_SEQ_PAIR_AGGREGATE_OPS(QMO_PARTIAL_PAIRS_)
-    QMO_SEQ_HASH_AGGREGATE_OPS(QMO_PARTIAL_HASHES_)
-    QMO_SEQ_TOP_OPS(QMO_PARTIAL_TOPS_)
-    Member{qmo_seq_count_next, QMO_SEQ_PARTIAL_AGG_COUNT, kAny, &kind_of<count>},
-    Member{qmo_seq_count_not_null_next, QMO_SEQ_PARTIAL_AGG_COUNT_NOT_NULL, kAny, &kind_of<count>},
-    Member{qmo_seq_agg_approxdc_next, QMO_SEQ_PARTIAL_AGG_APPROXDC, kAny, &kind_of<approxdc>},
-    Member{qmo_seq_filter_first_pos_next, QMO_SEQ_PARTIAL_FILTER_FIRST_POS, kAny, &kind_of<first_positions>},
-    Member{qmo_seq_hash_agg_count_uint8_next_agg, QMO_SEQ_PARTIAL_HASH_AGG_COUNT, kAny, &hashed_kind<false>},
-    Member{qmo_seq_hash_agg_approxdc_next_agg, QMO_SEQ_PARTIAL_HASH_AGG_APPROXDC, kAny, &hashed_kind<true>},
+#define QMO_PARTIAL_TYPED_(a, t, ctype, code) QMO_PARTIAL_TYPED_I_(QMO_SEQ_EXPAND a, t, code)
+#define QMO_PARTIAL_TYPED_I_(...) QMO_PARTIAL_TYPED_II_(__VA_ARGS__)
+#define QMO_PARTIAL_TYPED_II_(family, partial, kind, t, code) Member{qmo_seq_##family##_##t##_next, partial, code, &kind},
+#define QMO_PARTIAL_HASHED_(a, t, ctype, code) QMO_PARTIAL_HASHED_I_(QMO_SEQ_EXPAND a, t, code)
+#define QMO_PARTIAL_HASHED_I_(...) QMO_PARTIAL_HASHED_II_(__VA_ARGS__)
+#define QMO_PARTIAL_HASHED_II_(family, partial, t, code) \
+    Member{qmo_seq_hash_agg_##family##_##t##_next_agg, partial, code, &hashed_kind<false>},
+
+#define QMO_PARTIAL_NONE(family, types, partial)
+#define QMO_PARTIAL_FOLD(family, types, partial) \
+    types(QMO_PARTIAL_TYPED_, (family, partial, kind_of<fold<agg::kCountWord>>))
+#define QMO_PARTIAL_PAIR_FOLD(family, types, partial) \
+    types(QMO_PARTIAL_TYPED_, (family, partial, kind_of<fold<agg::kPairCountWord>>))
+#define QMO_PARTIAL_TOP(family, types, partial) types(QMO_PARTIAL_TYPED_, (family, partial, kind_of<top_list>))
+#define QMO_PARTIAL_HASH(family, types, partial) types(QMO_PARTIAL_HASHED_, (family, partial))
+#define QMO_PARTIAL_HASH_SKETCH(family, types, partial) \
+    Member{qmo_seq_hash_agg_##family##_next_agg, partial, kAny, &hashed_kind<true>},
+// Single families name their next function themselves.
+#define QMO_PARTIAL_SINGLE(family, types, partial) QMO_PARTIAL_SINGLE_##family(partial)
+#define QMO_PARTIAL_SINGLE_agg_count(partial) Member{qmo_seq_count_next, partial, kAny, &kind_of<count>},
+#define QMO_PARTIAL_SINGLE_agg_count_not_null(partial) \
+    Member{qmo_seq_count_not_null_next, partial, kAny, &kind_of<count>},
+#define QMO_PARTIAL_SINGLE_agg_approxdc(partial) Member{qmo_seq_agg_approxdc_next, partial, kAny, &kind_of<approxdc>},
+#define QMO_PARTIAL_SINGLE_filter_first_pos(partial) \
+    Member{qmo_seq_filter_first_pos_next, partial, kAny, &kind_of<first_positions>},
+
+const Member kMembers[] = {QMO_SEQ_FAMILIES(QMO_PARTIAL_ROW_)};
+
+// A row carries a partial code exactly when its shape holds a partial result,
+// and every code of the format belongs to exactly one row.
+#define QMO_PARTIAL_HOLDS_(merge) QMO_PARTIAL_HOLDS_I_(merge)
+#define QMO_PARTIAL_HOLDS_I_(merge) QMO_PARTIAL_HOLDS_##merge
+#define QMO_PARTIAL_HOLDS_NONE false
+#define QMO_PARTIAL_HOLDS_FOLD true
+#define QMO_PARTIAL_HOLDS_PAIR_FOLD true
+#define QMO_PARTIAL_HOLDS_TOP true
+#define QMO_PARTIAL_HOLDS_HASH true
+#define QMO_PARTIAL_HOLDS_HASH_SKETCH true
+#define QMO_PARTIAL_HOLDS_SINGLE true
+
+struct Row {
+    const char *family;
+    uint16_t code;
+    bool holds;
 };
+#define QMO_PARTIAL_CHECK_ROW_(family, shape, types, partial, statuses, doc) \
+    Row{#family, partial, QMO_PARTIAL_HOLDS_(QMO_SEQ_MERGE_##shape)},
+constexpr Row kRows[] = {QMO_SEQ_FAMILIES(QMO_PARTIAL_CHECK_ROW_)};
+
+constexpr bool codes_match_shapes() {
+    for (const Row &r : kRows)
+        if ((r.code != 0) != r.holds) return false;
+    return true;
+}
+static_assert(codes_match_shapes(), "a registry row's partial code disagrees with its shape");
+
+constexpr int rows_with(uint16_t code) {
+    int n = 0;
+    for (const Row &r : kRows) n += r.code == code;
+    return n;
+}
+#define QMO_PARTIAL_ONE_ROW_(family, NAME, code) \
+    static_assert(rows_with(code) == 1, "partial code " #NAME " needs exactly one registry row");
+QMO_SEQ_PARTIAL_FAMILIES(QMO_PARTIAL_ONE_ROW_)
 
 // Only records that can be merged hold a partial result.
 inline const Member *member_of(const Iter *it) {

@@ -33,6 +33,9 @@ inline constexpr unsigned kPresentWord = 1;
 inline constexpr unsigned kLengthWord = 2;
 inline constexpr unsigned kCursorWord = 3;
 inline constexpr unsigned kAccWord = 4;
+// A reset closes the open run: its counts and cursor are what the aggregate resets clear.
+static_assert(cleared_by_agg_reset(kPresentWord) && cleared_by_agg_reset(kLengthWord) &&
+              cleared_by_agg_reset(kCursorWord));
 inline constexpr unsigned kAccWords = 16;
 inline constexpr unsigned kLastKeyWord = kAccWord + kAccWords;
 inline constexpr unsigned kStartsWord = kLastKeyWord + QMO_SEQ_MAX_CHAR_WIDTH / 8;
@@ -436,32 +439,41 @@ int make(Iter *result, std::initializer_list<Iter *> operands, qmo_seq_next_fn n
     return construct(result, setup);
 }
 
+// The registry's names of the run folds.
+template <class E> using group_agg_sum = run_sum<E>;
+template <class E> using group_agg_avg = run_avg<E>;
+template <class E> using group_agg_min = run_min<E>;
+template <class E> using group_agg_max = run_max<E>;
+template <class E> using group_agg_first = run_first<E>;
+template <class E> using group_agg_last = run_last<E>;
+template <class E> using group_agg_var = run_var<E>;
+template <class E> using group_agg_var_samp = run_var_samp<E>;
+template <class E> using group_agg_dev = run_dev<E>;
+template <class E> using group_agg_dev_samp = run_dev_samp<E>;
+template <class E> using group_agg_wavg = run_wavg<E>;
+
 }  // namespace qmo::runs
 
-#define QMO_RUN_MEMBER_(op, tc) qmo::runs::run_##op<qmo::Elem<tc>>
+#define QMO_RUN_MEMBER_(family, tc) qmo::runs::family<qmo::Elem<tc>>
 
-#define QMO_STAMP_GROUP_AGGREGATE_(op, t, ctype, tc)                                                      \
-    QMO_EXPORT int qmo_seq_group_agg_##op##_##t##_next(qmo_seq_iterator_t *it) {                          \
-        return qmo::runs::run_next<QMO_RUN_MEMBER_(op, tc)>(it);                                          \
-    }                                                                                                     \
-    QMO_EXPORT int qmo_seq_group_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,   \
-                                                qmo_seq_iterator_t *keys) {                               \
-        return qmo::runs::make<QMO_RUN_MEMBER_(op, tc)>(result, {values, keys},                           \
-                                                        qmo_seq_group_agg_##op##_##t##_next);             \
+#define QMO_STAMP_GROUP(family, t, ctype, tc)                                                               \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                                  \
+        return qmo::runs::run_next<QMO_RUN_MEMBER_(family, tc)>(it);                                        \
+    }                                                                                                       \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,           \
+                                          qmo_seq_iterator_t *keys) {                                       \
+        return qmo::runs::make<QMO_RUN_MEMBER_(family, tc)>(result, {values, keys}, qmo_seq_##family##_##t##_next); \
     }
-#define QMO_STAMP_GROUP_AGGREGATES_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_GROUP_AGGREGATE_, op)
-QMO_SEQ_GROUP_AGGREGATE_OPS(QMO_STAMP_GROUP_AGGREGATES_)
-
-#define QMO_STAMP_GROUP_WAVG_(a, t, ctype, tc)                                                            \
-    QMO_EXPORT int qmo_seq_group_agg_wavg_##t##_next(qmo_seq_iterator_t *it) {                            \
-        return qmo::runs::run_next<QMO_RUN_MEMBER_(wavg, tc)>(it);                                        \
-    }                                                                                                     \
-    QMO_EXPORT int qmo_seq_group_agg_wavg_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *weights,    \
-                                              qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys) {     \
-        return qmo::runs::make<QMO_RUN_MEMBER_(wavg, tc)>(result, {weights, values, keys},                \
-                                                          qmo_seq_group_agg_wavg_##t##_next);             \
+#define QMO_STAMP_WEIGHTED_GROUP(family, t, ctype, tc)                                                      \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                                  \
+        return qmo::runs::run_next<QMO_RUN_MEMBER_(family, tc)>(it);                                        \
+    }                                                                                                       \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *weights,          \
+                                          qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys) {           \
+        return qmo::runs::make<QMO_RUN_MEMBER_(family, tc)>(result, {weights, values, keys},                \
+                                                            qmo_seq_##family##_##t##_next);                 \
     }
-QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_GROUP_WAVG_, )
+QMO_SEQ_RUN_FAMILIES(QMO_STAMP_FAMILY)
 
 QMO_EXPORT int qmo_seq_group_agg_count_next(qmo_seq_iterator_t *it) {
     return qmo::runs::run_next<qmo::runs::run_count>(it);

@@ -122,9 +122,9 @@ int approxdc_next(Iter *it) {
 
 }  // namespace qmo::agg
 
-#define QMO_STAMP_AGGREGATE_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_AGGREGATE, op)
-QMO_SEQ_AGGREGATE_OPS(QMO_STAMP_AGGREGATE_)
-QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_AGGREGATE_UNMERGED, agg_min_max)
+// The one-operand aggregate that is not mergeable (agg_min_max).
+#define QMO_STAMP_UNARY(family, t, ctype, tc) QMO_STAMP_AGGREGATE_UNMERGED(family, t, ctype, tc)
+QMO_SEQ_SCALAR_FAMILIES(QMO_STAMP_FAMILY)
 
 QMO_EXPORT int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it) {
     it->next(it);

@@ -86,9 +86,10 @@ inline int construct(Iter *result, Iter *input, qmo_seq_next_fn next, qmo_seq_re
 
 // Stamping: `family` is grid, window or cum, the op struct is
 // qmo::<family>::<op><Elem<code>>, and the kernel qmo::<family>::next<Op>.
-#define QMO_SERIES_OP_(family, op, code) qmo::family::op<qmo::Elem<code>>
+// The operation of a registry family, qmo::<kind>::<family>, e.g. qmo::grid::grid_agg_sum.
+#define QMO_SERIES_OP_(kind, family, code) qmo::kind::family<qmo::Elem<code>>
 
-#define QMO_STAMP_SERIES_NEXT_(family, op, t, code)                                  \
-    QMO_EXPORT int qmo_seq_##family##_agg_##op##_##t##_next(qmo_seq_iterator_t *it) { \
-        return qmo::family::next<QMO_SERIES_OP_(family, op, code)>(it);               \
+#define QMO_STAMP_SERIES_NEXT_(kind, family, t, code)                           \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {      \
+        return qmo::kind::next<QMO_SERIES_OP_(kind, family, code)>(it);         \
     }

@@ -392,10 +392,10 @@ QMO_EXPORT int qmo_seq_order_by_reset(qmo_seq_iterator_t *it) {
     return qmo_seq_reset_unary_iterator(it);
 }
 
-#define QMO_DEFINE_SORT_(a, t, ctype, code)                                                       \
-    QMO_EXPORT int qmo_seq_sort_##t(const ctype *values, uint64_t *permutation, uint64_t n,       \
-                                    int order) {                                                  \
-        return qmo::sort<qmo::Elem<code>>(values, permutation, n, order);                         \
+#define QMO_STAMP_SORT(family, t, ctype, code)                                                    \
+    QMO_EXPORT int qmo_seq_##family##_##t(const ctype *values, uint64_t *permutation, uint64_t n, \
+                                          int order) {                                            \
+        return qmo::family<qmo::Elem<code>>(values, permutation, n, order);                       \
     }                                                                                             \
     QMO_EXPORT int qmo_seq_order_by_##t##_next(qmo_seq_iterator_t *it) {                          \
         return qmo::order_by_next<qmo::Elem<code>>(it);                 \
@@ -406,4 +406,4 @@ QMO_EXPORT int qmo_seq_order_by_reset(qmo_seq_iterator_t *it) {
         return qmo::order_by<qmo::Elem<code>>(result, input, permutation, n, buffer,              \
                                               qmo_seq_order_by_##t##_next);                       \
     }
-QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_SORT_, )
+QMO_SEQ_SORT_FAMILIES(QMO_STAMP_FAMILY)

@@ -193,11 +193,9 @@ int construct_top(Iter *result, Iter *input, uint64_t n, qmo_seq_next_fn next_fn
     }                                                                                               \
     QMO_STAMP_TOP_CONSTRUCTOR_(op, t, tc, qmo_seq_##op##_##t##_merge)
 
-#define QMO_STAMP_TOP_POS(op, t, ctype, tc) \
+// Positions are not mergeable.
+#define QMO_STAMP_COUNTED(op, t, ctype, tc) \
     QMO_STAMP_TOP_NEXT_(op, t, tc)          \
     QMO_STAMP_TOP_CONSTRUCTOR_(op, t, tc, nullptr)
 
-#define QMO_STAMP_TOP_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_TOP, op)
-#define QMO_STAMP_TOP_POS_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_TOP_POS, op)
-QMO_SEQ_TOP_OPS(QMO_STAMP_TOP_OP_)
-QMO_SEQ_TOP_POS_OPS(QMO_STAMP_TOP_POS_OP_)
+QMO_SEQ_TOP_FAMILIES(QMO_STAMP_FAMILY)

@@ -213,15 +213,25 @@ inline int reset(Iter *it) {
     return qmo_seq_reset_unary_iterator(it);
 }
 
+// The registry's names of the operations.
+template <class E> using window_agg_sum = sum<E>;
+template <class E> using window_agg_avg = avg<E>;
+template <class E> using window_agg_min = min<E>;
+template <class E> using window_agg_max = max<E>;
+template <class E> using window_agg_var = var<E>;
+template <class E> using window_agg_var_samp = var_samp<E>;
+template <class E> using window_agg_dev = dev<E>;
+template <class E> using window_agg_dev_samp = dev_samp<E>;
+template <class E> using window_agg_ema = ema<E>;
+template <class E> using window_agg_atr = atr<E>;
+
 }  // namespace qmo::window
 
-#define QMO_STAMP_WINDOW_(op, t, ctype, code)                                                                 \
-    QMO_STAMP_SERIES_NEXT_(window, op, t, code)                                                               \
-    QMO_EXPORT int qmo_seq_window_agg_##op##_##t##_reset(qmo_seq_iterator_t *it) { return qmo::window::reset(it); } \
-    QMO_EXPORT int qmo_seq_window_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,       \
-                                                 uint64_t window) {                                           \
-        return qmo::window::construct<QMO_SERIES_OP_(window, op, code)>(                                      \
-            result, input, window, qmo_seq_window_agg_##op##_##t##_next, qmo_seq_window_agg_##op##_##t##_reset); \
+#define QMO_STAMP_COUNTED_RESET(family, t, ctype, code)                                                        \
+    QMO_STAMP_SERIES_NEXT_(window, family, t, code)                                                            \
+    QMO_EXPORT int qmo_seq_##family##_##t##_reset(qmo_seq_iterator_t *it) { return qmo::window::reset(it); }   \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t n) { \
+        return qmo::window::construct<QMO_SERIES_OP_(window, family, code)>(                                   \
+            result, input, n, qmo_seq_##family##_##t##_next, qmo_seq_##family##_##t##_reset);                  \
     }
-#define QMO_STAMP_WINDOW_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_WINDOW_, op)
-QMO_SEQ_WINDOW_AGGREGATE_OPS(QMO_STAMP_WINDOW_OP_)
+QMO_SEQ_WINDOW_FAMILIES(QMO_STAMP_FAMILY)

@@ -172,10 +172,10 @@ int construct_stretch(Iter *result, Iter *target, Iter *stamps, Iter *values, va
 }  // namespace
 }  // namespace qmo
 
-// One member: `ts` is the parenthesised (suffix, code) of the stamps' type.
-#define QMO_DEFINE_STRETCH_(ts, t, ctype, code) QMO_DEFINE_STRETCH_I_(QMO_SEQ_EXPAND ts, t, ctype, code)
-#define QMO_DEFINE_STRETCH_I_(...) QMO_DEFINE_STRETCH_II_(__VA_ARGS__)
-#define QMO_DEFINE_STRETCH_II_(ts, tscode, t, ctype, code)                                          \
+// One member: `pair` is the parenthesised (stamp suffix, value suffix, stamp code).
+#define QMO_STAMP_STRETCH(family, pair, ctype, code) QMO_STAMP_STRETCH_I_(QMO_SEQ_EXPAND pair, ctype, code)
+#define QMO_STAMP_STRETCH_I_(...) QMO_STAMP_STRETCH_II_(__VA_ARGS__)
+#define QMO_STAMP_STRETCH_II_(ts, t, tscode, ctype, code)                                           \
     QMO_EXPORT int qmo_seq_stretch_##ts##_##t##_next(qmo_seq_iterator_t *it) {                      \
         return qmo::stretch_next<qmo::Elem<tscode>, qmo::Elem<code>>(it);                           \
     }                                                                                               \
@@ -189,6 +189,4 @@ int construct_stretch(Iter *result, Iter *target, Iter *stamps, Iter *values, va
             result, target, source, values, filler, qmo_seq_stretch_##ts##_##t##_next,             \
             qmo_seq_stretch_##ts##_##t##_reset);                                                    \
     }
-#define QMO_DEFINE_STRETCHES_OVER_(a, ts, tsctype, tscode) \
-    QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_STRETCH_, (ts, tscode))
-QMO_SEQ_TIMESTAMP_TYPES(QMO_DEFINE_STRETCHES_OVER_, )
+QMO_SEQ_ALIGN_FAMILIES(QMO_STAMP_FAMILY)

@@ -410,6 +410,24 @@ int make_histogram(Iter *result, Iter *input, value_t<E> low, value_t<E> high, i
     return QMO_SEQ_OK;
 }
 
+// One constructor per family, named for the stamps below.
+template <class E>
+int make_diff(Iter *result, Iter *input, qmo_seq_next_fn next) noexcept {
+    return make_series<E>(result, input, E::code, E::size, next);
+}
+template <class E>
+int make_trend(Iter *result, Iter *input, qmo_seq_next_fn next) noexcept {
+    return make_series<E>(result, input, QMO_SEQ_TYPE_INT1, 1, next);
+}
+template <class E>
+int make_norm(Iter *result, Iter *input, qmo_seq_next_fn next) noexcept {
+    return make_series<E>(result, input, QMO_SEQ_TYPE_DOUBLE, sizeof(double), next);
+}
+template <class E>
+int make_extrema(Iter *result, Iter *input, int32_t kind, qmo_seq_next_fn next, qmo_seq_reset_fn reset) noexcept {
+    return make_positions<E, ExtremaState<E>>(result, input, next, reset, kind);
+}
+
 template <class E>
 int extrema_reset(Iter *it) noexcept {
     auto s = load<ExtremaState<E>>(it);
@@ -433,39 +451,34 @@ QMO_EXPORT int qmo_seq_cross_reset_iterator(qmo_seq_iterator_t *it) {
     return qmo_seq_reset_unary_iterator(it);
 }
 
-#define QMO_ANALYTICS_NEXT_(op, t, code) \
-    QMO_EXPORT int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it) { return qmo::op##_next<qmo::Elem<code>>(it); }
-
-#define QMO_STAMP_ANALYTICS_(a, t, ctype, code)                                                         \
-    QMO_ANALYTICS_NEXT_(diff, t, code)                                                                  \
-    QMO_ANALYTICS_NEXT_(trend, t, code)                                                                 \
-    QMO_ANALYTICS_NEXT_(cross, t, code)                                                                 \
-    QMO_ANALYTICS_NEXT_(extrema, t, code)                                                               \
-    QMO_ANALYTICS_NEXT_(norm, t, code)                                                                  \
-    QMO_ANALYTICS_NEXT_(histogram, t, code)                                                             \
-    QMO_EXPORT int qmo_seq_diff_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {            \
-        return qmo::make_series<qmo::Elem<code>>(result, input, code, sizeof(ctype), qmo_seq_diff_##t##_next); \
-    }                                                                                                   \
-    QMO_EXPORT int qmo_seq_trend_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {           \
-        return qmo::make_series<qmo::Elem<code>>(result, input, QMO_SEQ_TYPE_INT1, 1, qmo_seq_trend_##t##_next); \
-    }                                                                                                   \
-    QMO_EXPORT int qmo_seq_norm_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {            \
-        return qmo::make_series<qmo::Elem<code>>(result, input, QMO_SEQ_TYPE_DOUBLE, sizeof(double),   \
-                                                 qmo_seq_norm_##t##_next);                              \
-    }                                                                                                   \
-    QMO_EXPORT int qmo_seq_cross_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, int32_t kind) { \
-        return qmo::make_cross<qmo::Elem<code>>(result, input, kind, qmo_seq_cross_##t##_next);         \
-    }                                                                                                   \
-    QMO_EXPORT int qmo_seq_extrema_##t##_reset_iterator(qmo_seq_iterator_t *it) {                       \
-        return qmo::extrema_reset<qmo::Elem<code>>(it);                                                 \
-    }                                                                                                   \
-    QMO_EXPORT int qmo_seq_extrema_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, int32_t kind) { \
-        return qmo::make_positions<qmo::Elem<code>, qmo::ExtremaState<qmo::Elem<code>>>(               \
-            result, input, qmo_seq_extrema_##t##_next, qmo_seq_extrema_##t##_reset_iterator, kind);     \
-    }                                                                                                   \
-    QMO_EXPORT int qmo_seq_histogram_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, ctype low, \
-                                         ctype high, int64_t bins) {                                    \
-        return qmo::make_histogram<qmo::Elem<code>>(result, input, low, high, bins,                     \
-                                                    qmo_seq_histogram_##t##_next);                      \
+#define QMO_ANALYTICS_NEXT_(family, t, code)                                 \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {   \
+        return qmo::family##_next<qmo::Elem<code>>(it);                      \
     }
-QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_ANALYTICS_, )
+#define QMO_STAMP_UNARY(family, t, ctype, code)                                                          \
+    QMO_ANALYTICS_NEXT_(family, t, code)                                                                 \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {        \
+        return qmo::make_##family<qmo::Elem<code>>(result, input, qmo_seq_##family##_##t##_next);          \
+    }
+#define QMO_STAMP_KIND(family, t, ctype, code)                                                           \
+    QMO_ANALYTICS_NEXT_(family, t, code)                                                                 \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, int32_t kind) { \
+        return qmo::make_##family<qmo::Elem<code>>(result, input, kind, qmo_seq_##family##_##t##_next);    \
+    }
+#define QMO_STAMP_KIND_RESET(family, t, ctype, code)                                                     \
+    QMO_ANALYTICS_NEXT_(family, t, code)                                                                 \
+    QMO_EXPORT int qmo_seq_##family##_##t##_reset_iterator(qmo_seq_iterator_t *it) {                     \
+        return qmo::family##_reset<qmo::Elem<code>>(it);                                                 \
+    }                                                                                                    \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, int32_t kind) { \
+        return qmo::make_##family<qmo::Elem<code>>(result, input, kind, qmo_seq_##family##_##t##_next,     \
+                                                   qmo_seq_##family##_##t##_reset_iterator);             \
+    }
+#define QMO_STAMP_HISTOGRAM(family, t, ctype, code)                                                      \
+    QMO_ANALYTICS_NEXT_(family, t, code)                                                                 \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, ctype low, \
+                                          ctype high, int64_t bins) {                                    \
+        return qmo::make_##family<qmo::Elem<code>>(result, input, low, high, bins,                       \
+                                                   qmo_seq_##family##_##t##_next);                       \
+    }
+QMO_SEQ_ANALYTICS_FAMILIES(QMO_STAMP_FAMILY)

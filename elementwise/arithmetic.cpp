@@ -125,12 +125,7 @@ struct cat {
 
 }  // namespace qmo::ops
 
-#define QMO_STAMP_ARITHMETIC_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_BINARY, op)
-QMO_SEQ_ARITHMETIC_OPS(QMO_STAMP_ARITHMETIC_)
-QMO_STAMP_BINARY(add, char, char, QMO_SEQ_TYPE_CHAR)
-
-#define QMO_STAMP_SIGN_(op) QMO_SEQ_NUMERIC_TYPES(QMO_STAMP_UNARY, op)
-QMO_SEQ_SIGN_OPS(QMO_STAMP_SIGN_)
+QMO_SEQ_ARITHMETIC_FAMILIES(QMO_STAMP_FAMILY)
 
 QMO_EXPORT int qmo_seq_cat_next(qmo_seq_iterator_t *it) { return qmo::binary_next<qmo::ops::cat>(it); }
 

@@ -110,8 +110,7 @@ struct logic_not { using in = Bool; using out = Bool; static uint8_t apply(uint8
 
 }  // namespace qmo::ops
 
-#define QMO_STAMP_COMPARISON_(op) QMO_SEQ_ALL_TYPES(QMO_STAMP_BINARY, op)
-QMO_SEQ_COMPARISON_OPS(QMO_STAMP_COMPARISON_)
+QMO_SEQ_COMPARISON_FAMILIES(QMO_STAMP_FAMILY)
 
 // The logic members have no type suffix and their own next names.
 #define QMO_STAMP_LOGIC_(op)                                                                 \

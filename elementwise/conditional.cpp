@@ -4,6 +4,7 @@
 #include "frame/isa.hpp"
 
 #include <bit>
+#include <string_view>
 
 #include <algorithm>
 
@@ -189,59 +190,60 @@ QMO_EXPORT int qmo_seq_iif_reset(qmo_seq_iterator_t *it) {
     return qmo_seq_reset_unary_iterator(it);
 }
 
-// One callback family member: F names the family, the flags its shape.
-#define QMO_DEFINE_CALLBACK_(F, t, code, cond, binary, ctx)                                        \
-    QMO_EXPORT int qmo_seq_##F##_##t##_next(qmo_seq_iterator_t *it) {                              \
-        return qmo::callback_next<qmo::Elem<code>, cond, binary, ctx>(it);                         \
-    }                                                                                              \
-    static_assert(std::is_same_v<qmo_seq_##F##_##t##_fn,                                           \
-                                 qmo::Callback<qmo::Elem<code>, cond, binary, ctx>::fn>);
+namespace qmo {
+// The callback shapes: a family named cond... answers with a byte per element.
+constexpr bool is_condition(std::string_view family) { return family.starts_with("cond"); }
+// iif's branch-free select pays off compiled for AVX2; if walks element by element.
+template <class E>
+int if_entry(Iter *it) { return if_next<E>(it); }
+template <class E>
+int iif_entry(Iter *it) { return dispatch<iif_next<E>, iif_next<E>>(it); }
+}  // namespace qmo
 
-#define QMO_DEFINE_CONDITIONALS_(list_arg, t, ctype, code)                                                      \
-    QMO_EXPORT int qmo_seq_if_##t##_next(qmo_seq_iterator_t *it) { return qmo::if_next<qmo::Elem<code>>(it); }  \
-    QMO_EXPORT int qmo_seq_iif_##t##_next(qmo_seq_iterator_t *it) {                                             \
-        return qmo::dispatch<qmo::iif_next<qmo::Elem<code>>, qmo::iif_next<qmo::Elem<code>>>(it);               \
-    }                                                                                                           \
-    QMO_EXPORT int qmo_seq_if_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *c, qmo_seq_iterator_t *x,          \
-                                  qmo_seq_iterator_t *y) {                                                      \
-        return qmo::construct_if<qmo::Elem<code>>(r, c, x, y, qmo_seq_if_##t##_next, qmo_seq_if_reset);         \
-    }                                                                                                           \
-    QMO_EXPORT int qmo_seq_iif_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *c, qmo_seq_iterator_t *x,         \
-                                   qmo_seq_iterator_t *y) {                                                     \
-        return qmo::construct_if<qmo::Elem<code>>(r, c, x, y, qmo_seq_iif_##t##_next, qmo_seq_iif_reset);       \
-    }                                                                                                           \
-    QMO_DEFINE_CALLBACK_(func, t, code, false, false, false)                                                    \
-    QMO_DEFINE_CALLBACK_(func_ctx, t, code, false, false, true)                                                 \
-    QMO_DEFINE_CALLBACK_(cond, t, code, true, false, false)                                                     \
-    QMO_DEFINE_CALLBACK_(cond_ctx, t, code, true, false, true)                                                  \
-    QMO_DEFINE_CALLBACK_(func2, t, code, false, true, false)                                                    \
-    QMO_DEFINE_CALLBACK_(func2_ctx, t, code, false, true, true)                                                 \
-    QMO_EXPORT int qmo_seq_func_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_func_##t##_fn f) {    \
-        return qmo::construct_callback<qmo::Elem<code>, false, false, false>(r, a, nullptr, f, nullptr,         \
-                                                                            qmo_seq_func_##t##_next);           \
-    }                                                                                                           \
-    QMO_EXPORT int qmo_seq_func_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                           \
-                                        qmo_seq_func_ctx_##t##_fn f, void *ctx) {                               \
-        return qmo::construct_callback<qmo::Elem<code>, false, false, true>(r, a, nullptr, f, ctx,              \
-                                                                           qmo_seq_func_ctx_##t##_next);        \
-    }                                                                                                           \
-    QMO_EXPORT int qmo_seq_cond_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_cond_##t##_fn f) {    \
-        return qmo::construct_callback<qmo::Elem<code>, true, false, false>(r, a, nullptr, f, nullptr,          \
-                                                                           qmo_seq_cond_##t##_next);            \
-    }                                                                                                           \
-    QMO_EXPORT int qmo_seq_cond_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                           \
-                                        qmo_seq_cond_ctx_##t##_fn f, void *ctx) {                               \
-        return qmo::construct_callback<qmo::Elem<code>, true, false, true>(r, a, nullptr, f, ctx,               \
-                                                                          qmo_seq_cond_ctx_##t##_next);         \
-    }                                                                                                           \
-    QMO_EXPORT int qmo_seq_func2_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_iterator_t *b,       \
-                                     qmo_seq_func2_##t##_fn f) {                                                \
-        return qmo::construct_callback<qmo::Elem<code>, false, true, false>(r, a, b, f, nullptr,                \
-                                                                           qmo_seq_func2_##t##_next);           \
-    }                                                                                                           \
-    QMO_EXPORT int qmo_seq_func2_ctx_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a, qmo_seq_iterator_t *b,   \
-                                         qmo_seq_func2_ctx_##t##_fn f, void *ctx) {                             \
-        return qmo::construct_callback<qmo::Elem<code>, false, true, true>(r, a, b, f, ctx,                     \
-                                                                          qmo_seq_func2_ctx_##t##_next);        \
+#define QMO_CALLBACK_NEXT_(family, t, code, binary, ctx)                                               \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                              \
+        return qmo::callback_next<qmo::Elem<code>, qmo::is_condition(#family), binary, ctx>(it);         \
+    }                                                                                                   \
+    static_assert(std::is_same_v<qmo_seq_##family##_##t##_fn,                                          \
+                                 qmo::Callback<qmo::Elem<code>, qmo::is_condition(#family), binary, ctx>::fn>);
+#define QMO_CALLBACK_MAKE_(family, t, code, binary, ctx, b, c)                                          \
+    qmo::construct_callback<qmo::Elem<code>, qmo::is_condition(#family), binary, ctx>(                 \
+        r, a, b, f, c, qmo_seq_##family##_##t##_next)
+
+#define QMO_STAMP_CALLBACK(family, t, ctype, code)                                                        \
+    QMO_CALLBACK_NEXT_(family, t, code, false, false)                                                    \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                   \
+                                          qmo_seq_##family##_##t##_fn f) {                               \
+        return QMO_CALLBACK_MAKE_(family, t, code, false, false, nullptr, nullptr);                      \
     }
-QMO_SEQ_ALL_TYPES(QMO_DEFINE_CONDITIONALS_, )
+#define QMO_STAMP_CALLBACK_CTX(family, t, ctype, code)                                                    \
+    QMO_CALLBACK_NEXT_(family, t, code, false, true)                                                     \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                   \
+                                          qmo_seq_##family##_##t##_fn f, void *ctx) {                    \
+        return QMO_CALLBACK_MAKE_(family, t, code, false, true, nullptr, ctx);                           \
+    }
+#define QMO_STAMP_CALLBACK2(family, t, ctype, code)                                                       \
+    QMO_CALLBACK_NEXT_(family, t, code, true, false)                                                     \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                   \
+                                          qmo_seq_iterator_t *b, qmo_seq_##family##_##t##_fn f) {        \
+        return QMO_CALLBACK_MAKE_(family, t, code, true, false, b, nullptr);                             \
+    }
+#define QMO_STAMP_CALLBACK2_CTX(family, t, ctype, code)                                                   \
+    QMO_CALLBACK_NEXT_(family, t, code, true, true)                                                      \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *a,                   \
+                                          qmo_seq_iterator_t *b, qmo_seq_##family##_##t##_fn f,          \
+                                          void *ctx) {                                                   \
+        return QMO_CALLBACK_MAKE_(family, t, code, true, true, b, ctx);                                  \
+    }
+// if and iif, each with its own reset.
+#define QMO_STAMP_SELECT(family, t, ctype, code)                                                          \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                               \
+        return qmo::family##_entry<qmo::Elem<code>>(it);                                                 \
+    }                                                                                                    \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *r, qmo_seq_iterator_t *c, qmo_seq_iterator_t *x, \
+                                          qmo_seq_iterator_t *y) {                                       \
+        return qmo::construct_if<qmo::Elem<code>>(r, c, x, y, qmo_seq_##family##_##t##_next,             \
+                                                  qmo_seq_##family##_reset);                             \
+    }
+
+QMO_SEQ_CONDITIONAL_FAMILIES(QMO_STAMP_FAMILY)

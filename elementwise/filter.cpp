@@ -234,19 +234,18 @@ QMO_EXPORT int qmo_seq_filter_reset(qmo_seq_iterator_t *it) {
     return qmo_seq_reset_binary_iterator(it);
 }
 
-#define QMO_DEFINE_FILTER_(list_arg, t, ctype, code)                                                \
-    QMO_EXPORT int qmo_seq_filter_##t##_next(qmo_seq_iterator_t *it) {                              \
+#define QMO_STAMP_FILTER(family, t, ctype, code)                                                    \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                          \
         using E = qmo::Elem<code>;                                                                  \
-        return qmo::dispatch<qmo::filter_next<E>, qmo::filter_next<E>>(it);                         \
+        return qmo::dispatch<qmo::family##_next<E>, qmo::family##_next<E>>(it);                     \
     }                                                                                               \
-    QMO_EXPORT int qmo_seq_filter_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,         \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,     \
                                       qmo_seq_iterator_t *values) {                                 \
         if (int rc = qmo::expect_type(cond, QMO_SEQ_TYPE_UINT1)) return rc;                         \
         if (int rc = qmo::expect_type(values, code)) return rc;                                     \
-        return qmo::construct(result, qmo::Setup{code, values->elem_size, qmo_seq_filter_##t##_next, \
-                                                 qmo_seq_filter_reset, cond, values});              \
+        return qmo::construct(result, qmo::Setup{code, values->elem_size, qmo_seq_##family##_##t##_next, \
+                                                 qmo_seq_##family##_reset, cond, values});          \
     }
-QMO_SEQ_ALL_TYPES(QMO_DEFINE_FILTER_, )
 
 // ---- positions ----------------------------------------------------------------
 
@@ -293,15 +292,16 @@ QMO_EXPORT int qmo_seq_filter_first_pos(qmo_seq_iterator_t *result, qmo_seq_iter
 
 // ---- map ------------------------------------------------------------------------
 
-#define QMO_DEFINE_MAP_(list_arg, t, ctype, code)                                                   \
-    QMO_EXPORT int qmo_seq_map_##t##_next(qmo_seq_iterator_t *it) {                                 \
-        return qmo::map_next<qmo::Elem<code>>(it);                                                  \
+#define QMO_STAMP_GATHER(family, t, ctype, code)                                                    \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                          \
+        return qmo::family##_next<qmo::Elem<code>>(it);                                             \
     }                                                                                               \
-    QMO_EXPORT int qmo_seq_map_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,          \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,   \
                                    qmo_seq_iterator_t *positions) {                                 \
         if (int rc = qmo::expect_type(values, code)) return rc;                                     \
         if (int rc = qmo::expect_type(positions, QMO_SEQ_TYPE_UINT8)) return rc;                    \
-        return qmo::construct(result, qmo::Setup{code, sizeof(ctype), qmo_seq_map_##t##_next,       \
+        return qmo::construct(result, qmo::Setup{code, sizeof(ctype), qmo_seq_##family##_##t##_next, \
                                                  qmo_seq_reset_binary_iterator, positions, values}); \
     }
-QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_MAP_, )
+
+QMO_SEQ_FILTER_FAMILIES(QMO_STAMP_FAMILY)

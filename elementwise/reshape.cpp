@@ -330,40 +330,42 @@ int unique_next(Iter *it) {
 }  // namespace
 }  // namespace qmo
 
-#define QMO_DEFINE_RESHAPE_(a, t, ctype, code)                                                              \
-    QMO_EXPORT int qmo_seq_thin_##t##_next(qmo_seq_iterator_t *it) {                                       \
-        return qmo::thin_next<qmo::Elem<code>>(it);                                                        \
-    }                                                                                                      \
-    QMO_EXPORT int qmo_seq_thin_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t origin, \
-                                    uint64_t step) {                                                       \
-        return qmo::make_thin<qmo::Elem<code>>(result, input, origin, step, qmo_seq_thin_##t##_next);      \
-    }                                                                                                      \
-    QMO_EXPORT int qmo_seq_repeat_##t##_next(qmo_seq_iterator_t *it) {                                     \
-        return qmo::repeat_next<qmo::Elem<code>>(it);                                                      \
-    }                                                                                                      \
-    QMO_EXPORT int qmo_seq_repeat_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t n) { \
-        return qmo::make_repeat<qmo::Elem<code>>(result, input, n, qmo_seq_repeat_##t##_next);             \
-    }                                                                                                      \
-    QMO_EXPORT int qmo_seq_reverse_##t##_next(qmo_seq_iterator_t *it) {                                    \
-        return qmo::reverse_next<qmo::Elem<code>>(                                                         \
+#define QMO_RESHAPE_NEXT_(family, t, code)                                   \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {   \
+        return qmo::family##_next<qmo::Elem<code>>(it);                      \
+    }
+#define QMO_STAMP_THIN(family, t, ctype, code)                                                              \
+    QMO_RESHAPE_NEXT_(family, t, code)                                                                      \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t origin, \
+                                          uint64_t step) {                                                  \
+        return qmo::make_##family<qmo::Elem<code>>(result, input, origin, step, qmo_seq_##family##_##t##_next); \
+    }
+#define QMO_STAMP_COUNTED(family, t, ctype, code)                                                           \
+    QMO_RESHAPE_NEXT_(family, t, code)                                                                      \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t n) { \
+        return qmo::make_##family<qmo::Elem<code>>(result, input, n, qmo_seq_##family##_##t##_next);         \
+    }
+// The reversed copy is read back through an array source of the member's type.
+#define QMO_STAMP_UNARY_RESET(family, t, ctype, code)                                                       \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                                 \
+        return qmo::family##_next<qmo::Elem<code>>(                                                        \
             it,                                                                                            \
             [](qmo::Iter *r, const void *values, uint64_t n, const uint64_t *nulls) {                      \
                 return qmo_seq_unget_nullable_##t(r, static_cast<const ctype *>(values), n, nulls);        \
             },                                                                                             \
-            qmo_seq_reverse_##t##_reset);                                                                  \
+            qmo_seq_##family##_##t##_reset);                                                               \
     }                                                                                                      \
-    QMO_EXPORT int qmo_seq_reverse_##t##_reset(qmo_seq_iterator_t *it) {                                   \
-        return qmo::reverse_reset(it, qmo_seq_reverse_##t##_next);                                         \
+    QMO_EXPORT int qmo_seq_##family##_##t##_reset(qmo_seq_iterator_t *it) {                                \
+        return qmo::family##_reset(it, qmo_seq_##family##_##t##_next);                                     \
     }                                                                                                      \
-    QMO_EXPORT int qmo_seq_reverse_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {            \
-        return qmo::construct_reshape<qmo::Elem<code>>(result, input, qmo_seq_reverse_##t##_next,          \
-                                                       qmo_seq_reset_unary_iterator);                      \
-    }                                                                                                      \
-    QMO_EXPORT int qmo_seq_unique_##t##_next(qmo_seq_iterator_t *it) {                                     \
-        return qmo::unique_next<qmo::Elem<code>>(it);                                                      \
-    }                                                                                                      \
-    QMO_EXPORT int qmo_seq_unique_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {             \
-        return qmo::construct_reshape<qmo::Elem<code>>(result, input, qmo_seq_unique_##t##_next,           \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {         \
+        return qmo::construct_reshape<qmo::Elem<code>>(result, input, qmo_seq_##family##_##t##_next,       \
                                                        qmo_seq_reset_unary_iterator);                      \
     }
-QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_RESHAPE_, )
+#define QMO_STAMP_UNARY(family, t, ctype, code)                                                             \
+    QMO_RESHAPE_NEXT_(family, t, code)                                                                      \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {         \
+        return qmo::construct_reshape<qmo::Elem<code>>(result, input, qmo_seq_##family##_##t##_next,       \
+                                                       qmo_seq_reset_unary_iterator);                      \
+    }
+QMO_SEQ_RESHAPE_FAMILIES(QMO_STAMP_FAMILY)

@@ -37,18 +37,17 @@ int make_const(Iter *result, const void *value, unsigned width, qmo_seq_next_fn 
 }  // namespace
 }  // namespace qmo
 
-#define QMO_DEFINE_CONST_NEXT_(a, t, ctype, code)              \
-    QMO_EXPORT int qmo_seq_const_##t##_next(qmo_seq_iterator_t *it) { \
-        return qmo::const_next<qmo::Elem<code>>(it);           \
+#define QMO_STAMP_CONST(family, t, ctype, code)                                             \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                  \
+        return qmo::const_next<qmo::Elem<code>>(it);                                        \
+    }                                                                                       \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, ctype value) {        \
+        return qmo::make_const<qmo::Elem<code>>(result, &value, sizeof value,               \
+                                                qmo_seq_##family##_##t##_next);             \
     }
-QMO_SEQ_ALL_TYPES(QMO_DEFINE_CONST_NEXT_, )
+QMO_SEQ_CONST_FAMILIES(QMO_STAMP_FAMILY)
 
-#define QMO_DEFINE_CONST_(a, t, ctype, code)                                          \
-    QMO_EXPORT int qmo_seq_const_##t(qmo_seq_iterator_t *result, ctype value) {       \
-        return qmo::make_const<qmo::Elem<code>>(result, &value, sizeof value,         \
-                                                qmo_seq_const_##t##_next);            \
-    }
-QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_CONST_, )
+QMO_EXPORT int qmo_seq_const_char_next(qmo_seq_iterator_t *it) { return qmo::const_next<qmo::CharElem>(it); }
 
 QMO_EXPORT int qmo_seq_const_char(qmo_seq_iterator_t *result, const char *bytes, size_t width) {
     if (width == 0 || width > QMO_SEQ_MAX_CHAR_WIDTH) return QMO_SEQ_INVALID_ARGUMENT;

@@ -130,12 +130,11 @@ int parse(Iter *result, const char *text, qmo_seq_next_fn next) noexcept {
 }  // namespace
 }  // namespace qmo
 
-#define QMO_STAMP_PARSE_(a, t, ctype, code)                                           \
-    QMO_EXPORT int qmo_seq_parse_##t##_next(qmo_seq_iterator_t *it) {                 \
-        return qmo::parse_next<qmo::Elem<code>>(it);                                  \
-    }                                                                                 \
-    QMO_EXPORT int qmo_seq_parse_##t(qmo_seq_iterator_t *result, const char *text) {  \
-        return qmo::parse<qmo::Elem<code>>(result, text, qmo_seq_parse_##t##_next);   \
+#define QMO_STAMP_PARSE(family, t, ctype, code)                                              \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                   \
+        return qmo::family##_next<qmo::Elem<code>>(it);                                      \
+    }                                                                                        \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, const char *text) {    \
+        return qmo::family<qmo::Elem<code>>(result, text, qmo_seq_##family##_##t##_next);    \
     }
-QMO_SEQ_ALL_TYPES(QMO_STAMP_PARSE_, )
-#undef QMO_STAMP_PARSE_
+QMO_SEQ_PARSE_FAMILIES(QMO_STAMP_FAMILY)

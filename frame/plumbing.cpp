@@ -26,6 +26,7 @@ int deliver_at_end(Iter *it, unsigned gathered, int status) {
 constexpr unsigned kConcatOffset = 0;     // read offset in the second stream's tile
 constexpr unsigned kConcatFirst = 1;      // 1 while the first stream is read
 constexpr unsigned kGatherOffset = 3;     // limit, skip_nan: offset in the input tile
+static_assert(cleared_by_agg_reset(kGatherOffset), "their reset clears it");
 constexpr unsigned kMetaObject = 0;
 constexpr unsigned kMetaPhase = 1;
 
@@ -259,16 +260,16 @@ QMO_EXPORT int qmo_seq_limit(qmo_seq_iterator_t *result, qmo_seq_iterator_t *inp
 
 // ---- skip_nan -----------------------------------------------------------------
 
-#define QMO_DEFINE_SKIP_NAN_(a, t, ctype, code)                                                   \
-    QMO_EXPORT int qmo_seq_skip_nan_##t##_next(qmo_seq_iterator_t *it) {                          \
-        return qmo::skip_nan_next<ctype>(it);                                                     \
+#define QMO_STAMP_UNARY(family, t, ctype, code)                                                   \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) {                        \
+        return qmo::family##_next<ctype>(it);                                                     \
     }                                                                                             \
-    QMO_EXPORT int qmo_seq_skip_nan_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {  \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) { \
         if (int rc = qmo::expect_type(input, code)) return rc;                                    \
-        return qmo::construct(result, qmo::Setup{code, sizeof(ctype), qmo_seq_skip_nan_##t##_next, \
+        return qmo::construct(result, qmo::Setup{code, sizeof(ctype), qmo_seq_##family##_##t##_next, \
                                                  qmo_seq_reset_unary_agg_iterator, input});       \
     }
-QMO_SEQ_FLOAT_TYPES(QMO_DEFINE_SKIP_NAN_, )
+QMO_SEQ_PLUMBING_FAMILIES(QMO_STAMP_FAMILY)
 
 // ---- meta iterator ------------------------------------------------------------
 

@@ -100,15 +100,17 @@ int read_nullable(Iter *it, void *values, unsigned width, uint64_t *count, uint6
 
 }  // namespace qmo
 
-#define QMO_DEFINE_READERS_(a, t, ctype, code)                                            \
-    QMO_EXPORT int qmo_seq_next_##t(qmo_seq_iterator_t *it, ctype *element) {             \
+#define QMO_STAMP_ELEMENT_READER(family, t, ctype, code)                                  \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *it, ctype *element) {       \
         return qmo::read_one<qmo::Elem<code>>(it, element);                               \
-    }                                                                                     \
-    QMO_EXPORT int qmo_seq_get_##t(qmo_seq_iterator_t *it, ctype *array, uint64_t *count) { \
+    }
+#define QMO_STAMP_BULK_READER(family, t, ctype, code)                                     \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *it, ctype *array, uint64_t *count) { \
         return qmo::read_many<qmo::Elem<code>>(it, array, count);                         \
-    }                                                                                     \
-    QMO_EXPORT int qmo_seq_get_nullable_##t(qmo_seq_iterator_t *it, ctype *array,         \
-                                            uint64_t *count, uint64_t *nulls) {           \
+    }
+#define QMO_STAMP_NULLABLE_READER(family, t, ctype, code)                                 \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *it, ctype *array,           \
+                                          uint64_t *count, uint64_t *nulls) {             \
         return qmo::read_many_nullable<qmo::Elem<code>>(it, array, count, nulls);         \
     }
-QMO_SEQ_ALL_TYPES(QMO_DEFINE_READERS_, )
+QMO_SEQ_READER_FAMILIES(QMO_STAMP_FAMILY)

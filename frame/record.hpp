@@ -12,12 +12,26 @@
 // drifts from the header's declaration a compile error, not a new overload.
 #define QMO_EXPORT extern "C" QMO_SEQ_API
 
+// Defines a registry group: QMO_SEQ_<GROUP>_FAMILIES(QMO_STAMP_FAMILY) expands
+// QMO_STAMP_<shape>(family, t, ctype, code) for every member of every row, and
+// the file that defines the group defines the stamps of its shapes (a shape
+// it does not define fails to compile). Single families are written out.
+#define QMO_STAMP_FAMILY(family, shape, types, partial, statuses, doc) types(QMO_STAMP_##shape, family)
+#define QMO_STAMP_SINGLE(family, t, ctype, code)
+#define QMO_STAMP_MERGED_SINGLE(family, t, ctype, code)
+
 namespace qmo {
 
 using Iter = qmo_seq_iterator_t;
 
 inline constexpr unsigned kTile = QMO_SEQ_TILE_SIZE;
 inline constexpr uint64_t kUnbounded = ~uint64_t{0};
+
+// The state words (indices from 0) that the generic aggregate resets clear:
+// a layout that relies on them being cleared asserts it is inside.
+constexpr bool cleared_by_agg_reset(unsigned word) {
+    return word + 1 >= QMO_SEQ_AGG_RESET_FIRST_WORD && word + 1 <= QMO_SEQ_AGG_RESET_LAST_WORD;
+}
 // How far ahead streaming sources and sinks prefetch caller arrays.
 inline constexpr size_t kPrefetchBytes = 2048;
 

@@ -14,17 +14,17 @@ void clear_words(qmo::Iter *it, unsigned first, unsigned last) {
 }  // namespace
 
 QMO_EXPORT int qmo_seq_reset_unary_agg_iterator(qmo_seq_iterator_t *it) {
-    clear_words(it, 2, 4);
+    clear_words(it, QMO_SEQ_AGG_RESET_FIRST_WORD, QMO_SEQ_AGG_RESET_LAST_WORD);
     return qmo_seq_reset_unary_iterator(it);
 }
 
 QMO_EXPORT int qmo_seq_reset_binary_agg_iterator(qmo_seq_iterator_t *it) {
-    clear_words(it, 2, 4);
+    clear_words(it, QMO_SEQ_AGG_RESET_FIRST_WORD, QMO_SEQ_AGG_RESET_LAST_WORD);
     return qmo_seq_reset_binary_iterator(it);
 }
 
 QMO_EXPORT int qmo_seq_reset_ternary_agg_iterator(qmo_seq_iterator_t *it) {
-    clear_words(it, 2, 4);
+    clear_words(it, QMO_SEQ_AGG_RESET_FIRST_WORD, QMO_SEQ_AGG_RESET_LAST_WORD);
     int first_error = QMO_SEQ_OK;
     for (qmo::Iter *o : {it->operand1, it->operand2, it->operand3}) {
         if (!o) continue;

@@ -46,26 +46,23 @@ inline bool valid_char_width(size_t width) { return width >= 1 && width <= QMO_S
 
 QMO_EXPORT int qmo_seq_unget_reset(qmo_seq_iterator_t *it) { return qmo_seq_reset_iterator(it); }
 
-#define QMO_DEFINE_UNGET_NEXT_(a, t, ctype, code)                                  \
-    QMO_EXPORT int qmo_seq_unget_##t##_next(qmo_seq_iterator_t *it) {              \
-        return qmo::unget_next<false>(it);                                         \
-    }                                                                              \
-    QMO_EXPORT int qmo_seq_unget_nullable_##t##_next(qmo_seq_iterator_t *it) {     \
-        return qmo::unget_next<true>(it);                                          \
+#define QMO_STAMP_UNGET(family, t, ctype, code)                                                      \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) { return qmo::unget_next<false>(it); } \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, const ctype *array, uint64_t count) { \
+        return qmo::make_unget(result, code, sizeof(ctype), array, count, nullptr,                   \
+                               qmo_seq_##family##_##t##_next);                                       \
     }
-QMO_SEQ_ALL_TYPES(QMO_DEFINE_UNGET_NEXT_, )
+#define QMO_STAMP_UNGET_NULLABLE(family, t, ctype, code)                                             \
+    QMO_EXPORT int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it) { return qmo::unget_next<true>(it); } \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, const ctype *array,            \
+                                          uint64_t count, const uint64_t *nulls) {                   \
+        return qmo::make_unget(result, code, sizeof(ctype), array, count, nulls,                     \
+                               qmo_seq_##family##_##t##_next);                                       \
+    }
+QMO_SEQ_SOURCE_FAMILIES(QMO_STAMP_FAMILY)
 
-#define QMO_DEFINE_UNGET_(a, t, ctype, code)                                                       \
-    QMO_EXPORT int qmo_seq_unget_##t(qmo_seq_iterator_t *result, const ctype *array, uint64_t count) { \
-        return qmo::make_unget(result, code, sizeof(ctype), array, count, nullptr,                 \
-                               qmo_seq_unget_##t##_next);                                          \
-    }                                                                                              \
-    QMO_EXPORT int qmo_seq_unget_nullable_##t(qmo_seq_iterator_t *result, const ctype *array,      \
-                                              uint64_t count, const uint64_t *nulls) {             \
-        return qmo::make_unget(result, code, sizeof(ctype), array, count, nulls,                   \
-                               qmo_seq_unget_nullable_##t##_next);                                 \
-    }
-QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_UNGET_, )
+QMO_EXPORT int qmo_seq_unget_char_next(qmo_seq_iterator_t *it) { return qmo::unget_next<false>(it); }
+QMO_EXPORT int qmo_seq_unget_nullable_char_next(qmo_seq_iterator_t *it) { return qmo::unget_next<true>(it); }
 
 QMO_EXPORT int qmo_seq_unget_char(qmo_seq_iterator_t *result, const char *array, uint64_t count,
                                   size_t width) {

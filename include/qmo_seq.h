@@ -67,34 +67,38 @@ extern "C" {
 /** Bytes of the values area of a record: 128 elements of the widest char. */
 #define QMO_SEQ_VALUES_BYTES (QMO_SEQ_TILE_SIZE * QMO_SEQ_MAX_CHAR_WIDTH)
 
-/** Element type codes (the record's elem_type). Codes 10 and 11 are unused. */
-enum qmo_seq_type {
-    QMO_SEQ_TYPE_UINT1 = 0,  /* uint8_t; also booleans (0 or 1, one byte each) */
-    QMO_SEQ_TYPE_UINT2 = 1,  /* uint16_t */
-    QMO_SEQ_TYPE_UINT4 = 2,  /* uint32_t */
-    QMO_SEQ_TYPE_UINT8 = 3,  /* uint64_t */
-    QMO_SEQ_TYPE_INT1 = 4,   /* int8_t */
-    QMO_SEQ_TYPE_INT2 = 5,   /* int16_t */
-    QMO_SEQ_TYPE_INT4 = 6,   /* int32_t */
-    QMO_SEQ_TYPE_INT8 = 7,   /* int64_t */
-    QMO_SEQ_TYPE_FLOAT = 8,  /* IEEE single */
-    QMO_SEQ_TYPE_DOUBLE = 9, /* IEEE double */
-    QMO_SEQ_TYPE_DATETIME = 12, /* uint64_t time stamp; arithmetic as uint8 */
-    QMO_SEQ_TYPE_CHAR = 13   /* fixed-width NUL-padded bytes, width set at construction */
-};
+/** Element type codes (the record's elem_type), X(NAME, code, description).
+ *  Codes 10 and 11 are unused. */
+#define QMO_SEQ_TYPE_CODES(X)                                                    \
+    X(UINT1, 0, "uint8_t; also booleans (0 or 1, one byte each)")               \
+    X(UINT2, 1, "uint16_t")                                                      \
+    X(UINT4, 2, "uint32_t")                                                      \
+    X(UINT8, 3, "uint64_t")                                                      \
+    X(INT1, 4, "int8_t")                                                         \
+    X(INT2, 5, "int16_t")                                                        \
+    X(INT4, 6, "int32_t")                                                        \
+    X(INT8, 7, "int64_t")                                                        \
+    X(FLOAT, 8, "IEEE single")                                                   \
+    X(DOUBLE, 9, "IEEE double")                                                  \
+    X(DATETIME, 12, "uint64_t time stamp; arithmetic as uint8")                 \
+    X(CHAR, 13, "fixed-width NUL-padded bytes, width set at construction")
+#define QMO_SEQ_TYPE_ENUM_(NAME, code, text) QMO_SEQ_TYPE_##NAME = code,
+enum qmo_seq_type { QMO_SEQ_TYPE_CODES(QMO_SEQ_TYPE_ENUM_) };
 
-/** Status codes returned by every constructor, next, reset and reader. */
-enum qmo_seq_status {
-    QMO_SEQ_OK = 0,                /* success; for next: a tile was produced */
-    QMO_SEQ_END = 11,              /* end of sequence: this call produced no element */
-    QMO_SEQ_NO_MEMORY = 52,        /* the allocator hook returned null */
-    QMO_SEQ_UNSUPPORTED = 57,      /* operation meaningless for this element type */
-    QMO_SEQ_TYPE_MISMATCH = 61,    /* operand of the wrong element type (or char width rule) */
-    QMO_SEQ_INVALID_ARGUMENT = 62, /* argument out of range, unreadable input */
-    QMO_SEQ_ALREADY_BOUND = 701,   /* operand already taken by another operator */
-    QMO_SEQ_LENGTH_MISMATCH = 702, /* sequences advancing together disagree in length */
-    QMO_SEQ_NULL_VALUE = 703       /* null element where a value is required */
-};
+/** Status codes returned by every constructor, next, reset and reader,
+ *  X(NAME, code, description); bindings take their names and texts from here. */
+#define QMO_SEQ_STATUS_CODES(X)                                                              \
+    X(OK, 0, "success; for next: a tile was produced")                                       \
+    X(END, 11, "end of sequence: this call produced no element")                            \
+    X(NO_MEMORY, 52, "the allocator hook returned null")                                     \
+    X(UNSUPPORTED, 57, "operation meaningless for this element type")                        \
+    X(TYPE_MISMATCH, 61, "operand of the wrong element type (or char width rule)")           \
+    X(INVALID_ARGUMENT, 62, "argument out of range, unreadable input")                       \
+    X(ALREADY_BOUND, 701, "operand already taken by another operator")                       \
+    X(LENGTH_MISMATCH, 702, "sequences advancing together disagree in length")               \
+    X(NULL_VALUE, 703, "null element where a value is required")
+#define QMO_SEQ_STATUS_ENUM_(NAME, code, text) QMO_SEQ_##NAME = code,
+enum qmo_seq_status { QMO_SEQ_STATUS_CODES(QMO_SEQ_STATUS_ENUM_) };
 
 /* ------------------------------------------------------------------------
  * The iterator record
@@ -205,33 +209,110 @@ struct qmo_seq_iterator {
     QMO_SEQ_NUMERIC_TYPES(X, a)                   \
     X(a, char, char, QMO_SEQ_TYPE_CHAR)
 
+/** The numeric suffixes and char, for add (whose char member concatenates). */
+#define QMO_SEQ_ADD_TYPES(X, a) QMO_SEQ_ALL_TYPES(X, a)
+
+/** The time-stamp types of alignment operators. */
+#define QMO_SEQ_TIMESTAMP_TYPES(X, a)             \
+    X(a, uint4, uint32_t, QMO_SEQ_TYPE_UINT4)     \
+    X(a, uint8, uint64_t, QMO_SEQ_TYPE_UINT8)     \
+    X(a, datetime, uint64_t, QMO_SEQ_TYPE_DATETIME)
+
+/** Type code of a member that takes any element type. */
+#define QMO_SEQ_ANY_TYPE 255
+
+/** The one member of a family that is not stamped per type. */
+#define QMO_SEQ_UNTYPED(X, a) X(a, any, void, QMO_SEQ_ANY_TYPE)
+
+/** Pair lists: X(arg, (first, second, first code), second C type, second code). */
+#define QMO_SEQ_PAIR_(a, t, ctype, code) QMO_SEQ_PAIR_I_(QMO_SEQ_EXPAND a, t, ctype, code)
+#define QMO_SEQ_PAIR_I_(...) QMO_SEQ_PAIR_II_(__VA_ARGS__)
+#define QMO_SEQ_PAIR_II_(X, a, first, fcode, t, ctype, code) X(a, (first, t, fcode), ctype, code)
+#define QMO_SEQ_PAIRS_OVER_(a, first, fctype, fcode) \
+    QMO_SEQ_NUMERIC_TYPES_2(QMO_SEQ_PAIR_, (QMO_SEQ_EXPAND a, first, fcode))
+/** Every time-stamp type with every numeric value type (stretch, as-of join). */
+#define QMO_SEQ_STAMPED_TYPES(X, a) QMO_SEQ_TIMESTAMP_TYPES(QMO_SEQ_PAIRS_OVER_, (X, a))
+/** Every ordered pair of numeric types, (from, to). */
+#define QMO_SEQ_CONVERSION_PAIRS(X, a) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_PAIRS_OVER_, (X, a))
+
+/* ------------------------------------------------------------------------
+ * The registry of families. Every exported name belongs to one family, and
+ * each family is one row
+ *
+ *   X(family, shape, member types, partial code, statuses, description)
+ *
+ *   family        the name between qmo_seq_ and the type suffix (add, agg_sum)
+ *   shape         the signature class: QMO_SEQ_DECLARE_<shape>_ declares one
+ *                 member; a SINGLE family declares QMO_SEQ_SINGLE_<family>
+ *   member types  a type list (QMO_SEQ_NUMERIC_TYPES, ...); QMO_SEQ_UNTYPED
+ *                 for a family with one member
+ *   partial code  QMO_SEQ_PARTIAL_<NAME> for a family whose records export
+ *                 partial results, else 0
+ *   statuses      what the family returns besides 0, 11 and its operands'
+ *   description   one line
+ *
+ * Rows are grouped by the source file that defines them
+ * (QMO_SEQ_ARITHMETIC_FAMILIES, ...); QMO_SEQ_FAMILIES lists every group.
+ * The declarations below, the library's definitions, the Python tables, the
+ * tests' tables and docs/reference.md are all expanded from these rows.
+ *
+ * Every shape S has two traits beside its declaration macro:
+ * QMO_SEQ_KIND_S (TYPED: members are qmo_seq_<family>_<t>; PAIRED: the type
+ * is a pair; SINGLE) and QMO_SEQ_MERGE_S (the kind of partial result its
+ * members hold, or NONE). A consumer that meets a shape it does not know
+ * fails to compile.
+ * ---------------------------------------------------------------------- */
+
+#define QMO_SEQ_DECLARE_FAMILY_(family, shape, types, partial, statuses, doc) \
+    types(QMO_SEQ_DECLARE_##shape##_, family)
+
+#define QMO_SEQ_DECLARE_SINGLE_(family, t, ctype, code) QMO_SEQ_SINGLE_##family
+#define QMO_SEQ_KIND_SINGLE SINGLE
+#define QMO_SEQ_MERGE_SINGLE NONE
+/** A single family whose record exports its partial result. */
+#define QMO_SEQ_DECLARE_MERGED_SINGLE_(family, t, ctype, code) QMO_SEQ_SINGLE_##family
+#define QMO_SEQ_KIND_MERGED_SINGLE SINGLE
+#define QMO_SEQ_MERGE_MERGED_SINGLE SINGLE
+
 /* ------------------------------------------------------------------------
  * Supplied by the database core (or by the stand-alone support library
  * qmo_seq_standalone). The library calls these but never defines them.
  * ---------------------------------------------------------------------- */
 
-/** Non-zero: constructors and readers refuse bound records (701). */
-QMO_SEQ_CORE_API extern int32_t qmo_seq_check_bindings;
+#define QMO_SEQ_SINGLE_check_bindings                                                           \
+    /** Non-zero: constructors and readers refuse bound records (701). */                     \
+    QMO_SEQ_CORE_API extern int32_t qmo_seq_check_bindings;
+#define QMO_SEQ_SINGLE_core_resets                                                              \
+    /** Rewinds the record itself: empty tile, cursor 0, position 0. Operands untouched. */    \
+    QMO_SEQ_CORE_API int qmo_seq_reset_iterator(qmo_seq_iterator_t *it);                        \
+    /** Resets operand 1, then the record itself; returns the first non-zero status. */        \
+    QMO_SEQ_CORE_API int qmo_seq_reset_unary_iterator(qmo_seq_iterator_t *it);                  \
+    /** Resets operands 1 and 2, then the record itself; returns the first non-zero status. */ \
+    QMO_SEQ_CORE_API int qmo_seq_reset_binary_iterator(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_copy_bitmap                                                              \
+    /** Copies nbits null bits from src (starting at bit src_bit) to dst (at bit dst_bit). */  \
+    QMO_SEQ_CORE_API void qmo_seq_copy_bitmap(uint64_t *dst, uint64_t dst_bit, const uint64_t *src, \
+                                              uint64_t src_bit, uint64_t nbits);
+#define QMO_SEQ_SINGLE_prime_numbers                                                            \
+    /** The index-th (0..28) of 29 growing primes used as hash table sizes. */                 \
+    QMO_SEQ_CORE_API uint32_t qmo_int_get_prime_number(int index);
+#define QMO_SEQ_SINGLE_bytes                                                                    \
+    /** Byte-wise comparison: negative, zero or positive. */                                   \
+    QMO_SEQ_CORE_API int qmo_memcmp(const void *a, const void *b, size_t n);                    \
+    /** Zeroes n bytes. */                                                                      \
+    QMO_SEQ_CORE_API void qmo_memnull(void *p, size_t n);                                       \
+    /** Moves n bytes; the ranges may overlap. */                                               \
+    QMO_SEQ_CORE_API void qmo_memmove(void *dst, const void *src, size_t n);                    \
+    /** First occurrence of c in the NUL-terminated s, or null. */                              \
+    QMO_SEQ_CORE_API char *qmo_strchr(const char *s, int c);
 
-/** Rewinds the record itself: empty tile, cursor 0, position 0. Operands untouched. */
-QMO_SEQ_CORE_API int qmo_seq_reset_iterator(qmo_seq_iterator_t *it);
-/** Resets operand 1, then the record itself; returns the first non-zero status. */
-QMO_SEQ_CORE_API int qmo_seq_reset_unary_iterator(qmo_seq_iterator_t *it);
-/** Resets operands 1 and 2, then the record itself; returns the first non-zero status. */
-QMO_SEQ_CORE_API int qmo_seq_reset_binary_iterator(qmo_seq_iterator_t *it);
-/** Copies nbits null bits from src (starting at bit src_bit) to dst (at bit dst_bit). */
-QMO_SEQ_CORE_API void qmo_seq_copy_bitmap(uint64_t *dst, uint64_t dst_bit, const uint64_t *src,
-                                          uint64_t src_bit, uint64_t nbits);
-/** The index-th (0..28) of 29 growing primes used as hash table sizes. */
-QMO_SEQ_CORE_API uint32_t qmo_int_get_prime_number(int index);
-/** Byte-wise comparison: negative, zero or positive. */
-QMO_SEQ_CORE_API int qmo_memcmp(const void *a, const void *b, size_t n);
-/** Zeroes n bytes. */
-QMO_SEQ_CORE_API void qmo_memnull(void *p, size_t n);
-/** Moves n bytes; the ranges may overlap. */
-QMO_SEQ_CORE_API void qmo_memmove(void *dst, const void *src, size_t n);
-/** First occurrence of c in the NUL-terminated s, or null. */
-QMO_SEQ_CORE_API char *qmo_strchr(const char *s, int c);
+#define QMO_SEQ_CORE_FAMILIES(X)                                                                  \
+    X(check_bindings, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "the core's switch of binding checks")    \
+    X(core_resets, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "generic resets of records with 0, 1 or 2 operands") \
+    X(copy_bitmap, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "copies a run of null bits between bitmaps") \
+    X(prime_numbers, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "the core's table of prime hash table sizes") \
+    X(bytes, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "byte comparison, zeroing, moving and search")
+QMO_SEQ_CORE_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Allocation hooks and scratch buffers
@@ -242,45 +323,59 @@ typedef void *(*qmo_seq_malloc_fn)(void *context, size_t size);
 /** Release hook: size is the one passed at allocation. */
 typedef void (*qmo_seq_free_fn)(void *context, void *memory, size_t size);
 
-/** Every allocation of the library goes through this hook (default qmo_seq_sys_malloc). */
-QMO_SEQ_API extern qmo_seq_malloc_fn qmo_seq_malloc;
-/** Every release goes through this hook (default qmo_seq_sys_free). */
-QMO_SEQ_API extern qmo_seq_free_fn qmo_seq_free;
-
-/** The system allocator; ignores the context. */
-QMO_SEQ_API void *qmo_seq_sys_malloc(void *context, size_t size);
-/** The system release; ignores context and size. */
-QMO_SEQ_API void qmo_seq_sys_free(void *context, void *memory, size_t size);
-/** Stores both hooks (no check for null). Set once, before sequences are built. */
-QMO_SEQ_API void qmo_seq_redefine_allocator(qmo_seq_malloc_fn malloc_hook, qmo_seq_free_fn free_hook);
-
-/** Takes size bytes through qmo_seq_malloc into it->buf (it->buf_size = size); null on failure. */
-QMO_SEQ_API void *qmo_seq_alloc_buffer(qmo_seq_iterator_t *it, uint64_t size);
-/** Releases it->buf through qmo_seq_free and clears it; does nothing without a buffer. */
-QMO_SEQ_API void qmo_seq_free_buffer(qmo_seq_iterator_t *it);
-
-/** Stores on in qmo_seq_check_bindings and returns the previous value. */
-QMO_SEQ_API int qmo_seq_enable_check_bindings(int on);
+#define QMO_SEQ_SINGLE_allocator                                                                \
+    /** Every allocation of the library goes through this hook (default qmo_seq_sys_malloc). */ \
+    QMO_SEQ_API extern qmo_seq_malloc_fn qmo_seq_malloc;                                        \
+    /** Every release goes through this hook (default qmo_seq_sys_free). */                     \
+    QMO_SEQ_API extern qmo_seq_free_fn qmo_seq_free;                                            \
+    /** The system allocator; ignores the context. */                                           \
+    QMO_SEQ_API void *qmo_seq_sys_malloc(void *context, size_t size);                           \
+    /** The system release; ignores context and size. */                                        \
+    QMO_SEQ_API void qmo_seq_sys_free(void *context, void *memory, size_t size);                \
+    /** Stores both hooks (no check for null). Set once, before sequences are built. */         \
+    QMO_SEQ_API void qmo_seq_redefine_allocator(qmo_seq_malloc_fn malloc_hook, qmo_seq_free_fn free_hook);
+#define QMO_SEQ_SINGLE_buffer                                                                   \
+    /** Takes size bytes through qmo_seq_malloc into it->buf (it->buf_size = size); null on failure. */ \
+    QMO_SEQ_API void *qmo_seq_alloc_buffer(qmo_seq_iterator_t *it, uint64_t size);              \
+    /** Releases it->buf through qmo_seq_free and clears it; does nothing without a buffer. */  \
+    QMO_SEQ_API void qmo_seq_free_buffer(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_enable_check_bindings                                                    \
+    /** Stores on in qmo_seq_check_bindings and returns the previous value. */                  \
+    QMO_SEQ_API int qmo_seq_enable_check_bindings(int on);
 
 /* ------------------------------------------------------------------------
  * Resets installed by stateful operators. Each clears its state words and
  * then delegates to the core reset matching the operand count.
  * ---------------------------------------------------------------------- */
 
-/** State words 2-4 cleared, then the unary reset. */
-QMO_SEQ_API int qmo_seq_reset_unary_agg_iterator(qmo_seq_iterator_t *it);
-/** State words 2-4 cleared, then the binary reset. */
-QMO_SEQ_API int qmo_seq_reset_binary_agg_iterator(qmo_seq_iterator_t *it);
-/** State words 2-4 cleared, operands 1-3 reset (null ones skipped), then the record. */
-QMO_SEQ_API int qmo_seq_reset_ternary_agg_iterator(qmo_seq_iterator_t *it);
-/** State words 1-3 cleared, then the binary reset. */
-QMO_SEQ_API int qmo_seq_reset_union_iterator(qmo_seq_iterator_t *it);
-/** State word 2 cleared, then the unary reset. */
-QMO_SEQ_API int qmo_seq_reset_repeat_iterator(qmo_seq_iterator_t *it);
-/** Text pointer (word 1) back to the start of the text (word 2), then the record. */
-QMO_SEQ_API int qmo_seq_reset_parse_iterator(qmo_seq_iterator_t *it);
-/** As qmo_seq_reset_parse_iterator, for caller-defined parsers. */
-QMO_SEQ_API int qmo_seq_reset_custom_parse_iterator(qmo_seq_iterator_t *it);
+/** The state words (counted from 1) that the generic aggregate resets clear. */
+#define QMO_SEQ_AGG_RESET_FIRST_WORD 2
+#define QMO_SEQ_AGG_RESET_LAST_WORD 4
+
+#define QMO_SEQ_SINGLE_agg_resets                                                               \
+    /** State words 2-4 cleared, then the unary reset. */                                       \
+    QMO_SEQ_API int qmo_seq_reset_unary_agg_iterator(qmo_seq_iterator_t *it);                   \
+    /** State words 2-4 cleared, then the binary reset. */                                      \
+    QMO_SEQ_API int qmo_seq_reset_binary_agg_iterator(qmo_seq_iterator_t *it);                  \
+    /** State words 2-4 cleared, operands 1-3 reset (null ones skipped), then the record. */    \
+    QMO_SEQ_API int qmo_seq_reset_ternary_agg_iterator(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_state_resets                                                             \
+    /** State words 1-3 cleared, then the binary reset. */                                      \
+    QMO_SEQ_API int qmo_seq_reset_union_iterator(qmo_seq_iterator_t *it);                       \
+    /** State word 2 cleared, then the unary reset. */                                          \
+    QMO_SEQ_API int qmo_seq_reset_repeat_iterator(qmo_seq_iterator_t *it);                      \
+    /** Text pointer (word 1) back to the start of the text (word 2), then the record. */       \
+    QMO_SEQ_API int qmo_seq_reset_parse_iterator(qmo_seq_iterator_t *it);                       \
+    /** As qmo_seq_reset_parse_iterator, for caller-defined parsers. */                         \
+    QMO_SEQ_API int qmo_seq_reset_custom_parse_iterator(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_FRAME_FAMILIES(X)                                                                 \
+    X(allocator, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "the allocation hooks and the system allocator") \
+    X(buffer, SINGLE, QMO_SEQ_UNTYPED, 0, "alloc: null on failure", "a record's scratch buffer") \
+    X(enable_check_bindings, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "switches binding checks on or off") \
+    X(agg_resets, SINGLE, QMO_SEQ_UNTYPED, 0, "operands' reset statuses", "resets that clear state words 2-4") \
+    X(state_resets, SINGLE, QMO_SEQ_UNTYPED, 0, "operands' reset statuses", "resets of union, repeat and parse records")
+QMO_SEQ_FRAME_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Constants and element readers, for every type t:
@@ -300,18 +395,38 @@ QMO_SEQ_API int qmo_seq_reset_custom_parse_iterator(qmo_seq_iterator_t *it);
  * bytes and the width (1..QMO_SEQ_MAX_CHAR_WIDTH, else 62).
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_DECLARE_READERS_(a, t, ctype, code)                                      \
-    QMO_SEQ_API int qmo_seq_next_##t(qmo_seq_iterator_t *it, ctype *element);             \
-    QMO_SEQ_API int qmo_seq_get_##t(qmo_seq_iterator_t *it, ctype *array, uint64_t *count); \
-    QMO_SEQ_API int qmo_seq_get_nullable_##t(qmo_seq_iterator_t *it, ctype *array,         \
-                                             uint64_t *count, uint64_t *nulls);           \
-    QMO_SEQ_API int qmo_seq_const_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_READERS_, )
+#define QMO_SEQ_DECLARE_ELEMENT_READER_(family, t, ctype, code) \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *it, ctype *element);
+#define QMO_SEQ_KIND_ELEMENT_READER TYPED
+#define QMO_SEQ_MERGE_ELEMENT_READER NONE
+#define QMO_SEQ_DECLARE_BULK_READER_(family, t, ctype, code) \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *it, ctype *array, uint64_t *count);
+#define QMO_SEQ_KIND_BULK_READER TYPED
+#define QMO_SEQ_MERGE_BULK_READER NONE
+#define QMO_SEQ_DECLARE_NULLABLE_READER_(family, t, ctype, code)                                  \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *it, ctype *array, uint64_t *count, \
+                                           uint64_t *nulls);
+#define QMO_SEQ_KIND_NULLABLE_READER TYPED
+#define QMO_SEQ_MERGE_NULLABLE_READER NONE
+#define QMO_SEQ_DECLARE_CONST_(family, t, ctype, code)                            \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, ctype value); \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_CONST TYPED
+#define QMO_SEQ_MERGE_CONST NONE
+#define QMO_SEQ_SINGLE_const_char                                                                  \
+    QMO_SEQ_API int qmo_seq_const_char(qmo_seq_iterator_t *result, const char *bytes, size_t width); \
+    QMO_SEQ_API int qmo_seq_const_char_next(qmo_seq_iterator_t *it);
 
-#define QMO_SEQ_DECLARE_CONST_(a, t, ctype, code) \
-    QMO_SEQ_API int qmo_seq_const_##t(qmo_seq_iterator_t *result, ctype value);
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CONST_, )
-QMO_SEQ_API int qmo_seq_const_char(qmo_seq_iterator_t *result, const char *bytes, size_t width);
+#define QMO_SEQ_READER_FAMILIES(X)                                                                  \
+    X(next, ELEMENT_READER, QMO_SEQ_ALL_TYPES, 0, "61 701 703", "reads one element")                \
+    X(get, BULK_READER, QMO_SEQ_ALL_TYPES, 0, "61 701", "reads up to *count non-null elements")     \
+    X(get_nullable, NULLABLE_READER, QMO_SEQ_ALL_TYPES, 0, "61 701", "reads up to *count elements, nulls in place")
+QMO_SEQ_READER_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+#define QMO_SEQ_CONST_FAMILIES(X)                                                           \
+    X(const, CONST, QMO_SEQ_NUMERIC_TYPES, 0, "-", "an endless sequence of one value")     \
+    X(const_char, SINGLE, QMO_SEQ_UNTYPED, 0, "62", "an endless sequence of one char value")
+QMO_SEQ_CONST_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Sources over caller arrays, for every type t:
@@ -326,24 +441,36 @@ QMO_SEQ_API int qmo_seq_const_char(qmo_seq_iterator_t *result, const char *bytes
  * width they return 62.
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_DECLARE_UNGET_(a, t, ctype, code)                                                \
-    QMO_SEQ_API int qmo_seq_unget_##t(qmo_seq_iterator_t *result, const ctype *array,            \
-                                      uint64_t count);                                            \
-    QMO_SEQ_API int qmo_seq_unget_nullable_##t(qmo_seq_iterator_t *result, const ctype *array,   \
-                                               uint64_t count, const uint64_t *nulls);
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_UNGET_, )
-QMO_SEQ_API int qmo_seq_unget_char(qmo_seq_iterator_t *result, const char *array, uint64_t count,
-                                   size_t width);
-QMO_SEQ_API int qmo_seq_unget_nullable_char(qmo_seq_iterator_t *result, const char *array,
-                                            uint64_t count, const uint64_t *nulls, size_t width);
+#define QMO_SEQ_DECLARE_UNGET_(family, t, ctype, code)                                                \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, const ctype *array, uint64_t count); \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_UNGET TYPED
+#define QMO_SEQ_MERGE_UNGET NONE
+#define QMO_SEQ_DECLARE_UNGET_NULLABLE_(family, t, ctype, code)                                   \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, const ctype *array,        \
+                                           uint64_t count, const uint64_t *nulls);                \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_UNGET_NULLABLE TYPED
+#define QMO_SEQ_MERGE_UNGET_NULLABLE NONE
+#define QMO_SEQ_SINGLE_unget_char                                                                    \
+    QMO_SEQ_API int qmo_seq_unget_char(qmo_seq_iterator_t *result, const char *array, uint64_t count, \
+                                       size_t width);                                                \
+    QMO_SEQ_API int qmo_seq_unget_char_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_unget_nullable_char                                                          \
+    QMO_SEQ_API int qmo_seq_unget_nullable_char(qmo_seq_iterator_t *result, const char *array,     \
+                                                uint64_t count, const uint64_t *nulls, size_t width); \
+    QMO_SEQ_API int qmo_seq_unget_nullable_char_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_unget_reset                                           \
+    /** Reset of the array sources: rewinds to the first element. */         \
+    QMO_SEQ_API int qmo_seq_unget_reset(qmo_seq_iterator_t *it);
 
-#define QMO_SEQ_DECLARE_UNGET_NEXT_(a, t, ctype, code)                      \
-    QMO_SEQ_API int qmo_seq_unget_##t##_next(qmo_seq_iterator_t *it);        \
-    QMO_SEQ_API int qmo_seq_unget_nullable_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_UNGET_NEXT_, )
-
-/** Reset of the array sources: rewinds to the first element. */
-QMO_SEQ_API int qmo_seq_unget_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SOURCE_FAMILIES(X)                                                                   \
+    X(unget, UNGET, QMO_SEQ_NUMERIC_TYPES, 0, "-", "a sequence over a caller's array")              \
+    X(unget_nullable, UNGET_NULLABLE, QMO_SEQ_NUMERIC_TYPES, 0, "-", "a sequence over a caller's array and null bitmap") \
+    X(unget_char, SINGLE, QMO_SEQ_UNTYPED, 0, "62", "a char sequence over a caller's array")        \
+    X(unget_nullable_char, SINGLE, QMO_SEQ_UNTYPED, 0, "62", "a char sequence over a caller's array and null bitmap") \
+    X(unget_reset, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "rewinds an array source")
+QMO_SEQ_SOURCE_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Plumbing: operators that shape a stream without computing on it.
@@ -368,29 +495,40 @@ QMO_SEQ_API int qmo_seq_unget_reset(qmo_seq_iterator_t *it);
  * tee, concat and limit take any type and copy their input's type and size.
  * ---------------------------------------------------------------------- */
 
-QMO_SEQ_API int qmo_seq_tee(qmo_seq_iterator_t *a, qmo_seq_iterator_t *b, qmo_seq_iterator_t *source);
-QMO_SEQ_API int qmo_seq_tee_next(qmo_seq_iterator_t *it);
-/** Empties the twin's tile and position, then the unary reset (source and this record). */
-QMO_SEQ_API int qmo_seq_reset_tee_iterator(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_tee                                                                          \
+    QMO_SEQ_API int qmo_seq_tee(qmo_seq_iterator_t *a, qmo_seq_iterator_t *b, qmo_seq_iterator_t *source); \
+    QMO_SEQ_API int qmo_seq_tee_next(qmo_seq_iterator_t *it);                                       \
+    /** Empties the twin's tile and position, then the unary reset (source and this record). */     \
+    QMO_SEQ_API int qmo_seq_reset_tee_iterator(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_concat                                                                       \
+    QMO_SEQ_API int qmo_seq_concat(qmo_seq_iterator_t *result, qmo_seq_iterator_t *first,           \
+                                   qmo_seq_iterator_t *second);                                     \
+    QMO_SEQ_API int qmo_seq_concat_next(qmo_seq_iterator_t *it);                                    \
+    /** Reads the first stream again, then the binary reset. */                                     \
+    QMO_SEQ_API int qmo_seq_concat_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_cat                                                                          \
+    QMO_SEQ_API int qmo_seq_cat(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,               \
+                                qmo_seq_iterator_t *right);                                         \
+    QMO_SEQ_API int qmo_seq_cat_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_limit                                                                        \
+    QMO_SEQ_API int qmo_seq_limit(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t from, \
+                                  uint64_t till);                                                   \
+    QMO_SEQ_API int qmo_seq_limit_next(qmo_seq_iterator_t *it);
 
-QMO_SEQ_API int qmo_seq_concat(qmo_seq_iterator_t *result, qmo_seq_iterator_t *first,
-                               qmo_seq_iterator_t *second);
-QMO_SEQ_API int qmo_seq_concat_next(qmo_seq_iterator_t *it);
-/** Reads the first stream again, then the binary reset. */
-QMO_SEQ_API int qmo_seq_concat_reset(qmo_seq_iterator_t *it);
+/** One operand of the member's type: qmo_seq_<family>_<t>(result, input). */
+#define QMO_SEQ_DECLARE_UNARY_(family, t, ctype, code)                                                  \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input); \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_UNARY TYPED
+#define QMO_SEQ_MERGE_UNARY NONE
 
-QMO_SEQ_API int qmo_seq_cat(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,
-                            qmo_seq_iterator_t *right);
-QMO_SEQ_API int qmo_seq_cat_next(qmo_seq_iterator_t *it);
-
-QMO_SEQ_API int qmo_seq_limit(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, uint64_t from,
-                              uint64_t till);
-QMO_SEQ_API int qmo_seq_limit_next(qmo_seq_iterator_t *it);
-
-#define QMO_SEQ_DECLARE_SKIP_NAN_(a, t, ctype, code)                                             \
-    QMO_SEQ_API int qmo_seq_skip_nan_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input); \
-    QMO_SEQ_API int qmo_seq_skip_nan_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_FLOAT_TYPES(QMO_SEQ_DECLARE_SKIP_NAN_, )
+#define QMO_SEQ_PLUMBING_FAMILIES(X)                                                                 \
+    X(tee, SINGLE, QMO_SEQ_UNTYPED, 0, "701", "two readers of one stream")                          \
+    X(concat, SINGLE, QMO_SEQ_UNTYPED, 0, "61 701", "one stream after another, packed into full tiles") \
+    X(cat, SINGLE, QMO_SEQ_UNTYPED, 0, "61 701", "char elements joined byte for byte")              \
+    X(limit, SINGLE, QMO_SEQ_UNTYPED, 0, "701", "the elements at positions from..till")             \
+    X(skip_nan, UNARY, QMO_SEQ_FLOAT_TYPES, 0, "61 701", "drops NaN and null elements")
+QMO_SEQ_PLUMBING_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * The meta iterator flattens a sequence of sub-sequences, supplied by the
@@ -412,9 +550,14 @@ struct qmo_seq_meta {
     qmo_seq_iterator_t inner;
 };
 
-QMO_SEQ_API int qmo_seq_meta_iterator_next(qmo_seq_iterator_t *it);
-/** Back to phase 0, then the record itself (the meta object is the core's to rewind). */
-QMO_SEQ_API int qmo_seq_meta_iterator_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_meta_iterator                                                            \
+    QMO_SEQ_API int qmo_seq_meta_iterator_next(qmo_seq_iterator_t *it);                         \
+    /** Back to phase 0, then the record itself (the meta object is the core's to rewind). */   \
+    QMO_SEQ_API int qmo_seq_meta_iterator_reset(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_META_FAMILIES(X) \
+    X(meta_iterator, SINGLE, QMO_SEQ_UNTYPED, 0, "the core's advance and start statuses", "flattens the core's sub-sequences")
+QMO_SEQ_META_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Type conversion, for every ordered pair of numeric types (121 pairs,
@@ -432,16 +575,19 @@ QMO_SEQ_API int qmo_seq_meta_iterator_reset(qmo_seq_iterator_t *it);
  * under them are converted too.
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_DECLARE_CONVERSION_(from, u, uctype, ucode) \
-    QMO_SEQ_DECLARE_CONVERSION_I_(QMO_SEQ_EXPAND from, u)
+#define QMO_SEQ_DECLARE_CONVERSION_(family, pair, uctype, ucode) \
+    QMO_SEQ_DECLARE_CONVERSION_I_(QMO_SEQ_EXPAND pair)
 #define QMO_SEQ_DECLARE_CONVERSION_I_(...) QMO_SEQ_DECLARE_CONVERSION_II_(__VA_ARGS__)
-#define QMO_SEQ_DECLARE_CONVERSION_II_(t, u)                                                       \
+#define QMO_SEQ_DECLARE_CONVERSION_II_(t, u, tcode)                                                \
     QMO_SEQ_API int qmo_seq_##t##_to_##u(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);   \
     QMO_SEQ_API int qmo_seq_##t##_to_##u##_next(qmo_seq_iterator_t *it);                          \
     QMO_SEQ_API int qmo_seq_##u##_from_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
-#define QMO_SEQ_DECLARE_CONVERSIONS_FROM_(a, t, ctype, code) \
-    QMO_SEQ_NUMERIC_TYPES_2(QMO_SEQ_DECLARE_CONVERSION_, (t))
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CONVERSIONS_FROM_, )
+#define QMO_SEQ_KIND_CONVERSION PAIRED
+#define QMO_SEQ_MERGE_CONVERSION NONE
+
+#define QMO_SEQ_CONVERSION_FAMILIES(X) \
+    X(conversion, CONVERSION, QMO_SEQ_CONVERSION_PAIRS, 0, "61 701", "qmo_seq_<t>_to_<u> and qmo_seq_<u>_from_<t>: every element converted")
+QMO_SEQ_CONVERSION_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Text parsing: qmo_seq_parse_<t>(result, text), next qmo_seq_parse_<t>_next,
@@ -479,10 +625,15 @@ QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CONVERSIONS_FROM_, )
  * stays where the call began, so the next call fails at the same token.
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_DECLARE_PARSE_(a, t, ctype, code)                                  \
-    QMO_SEQ_API int qmo_seq_parse_##t(qmo_seq_iterator_t *result, const char *text); \
-    QMO_SEQ_API int qmo_seq_parse_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_PARSE_, )
+#define QMO_SEQ_DECLARE_PARSE_(family, t, ctype, code)                                   \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, const char *text); \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_PARSE TYPED
+#define QMO_SEQ_MERGE_PARSE NONE
+
+#define QMO_SEQ_PARSE_FAMILIES(X) \
+    X(parse, PARSE, QMO_SEQ_ALL_TYPES, 0, "62", "a sequence read from its text form")
+QMO_SEQ_PARSE_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Pattern matching: qmo_seq_match(result, input, pattern), next
@@ -510,12 +661,17 @@ QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_PARSE_, )
 
 typedef int (*qmo_seq_matcher_fn)(const qmo_seq_iterator_t *match, const char *element);
 
-QMO_SEQ_API int qmo_seq_match(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,
-                              const char *pattern);
-QMO_SEQ_API int qmo_seq_match_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_exact_match(const qmo_seq_iterator_t *match, const char *element);
-QMO_SEQ_API int qmo_seq_match_substring(const qmo_seq_iterator_t *match, const char *element);
-QMO_SEQ_API int qmo_seq_match_regex(const qmo_seq_iterator_t *match, const char *element);
+#define QMO_SEQ_SINGLE_match                                                                          \
+    QMO_SEQ_API int qmo_seq_match(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,              \
+                                  const char *pattern);                                               \
+    QMO_SEQ_API int qmo_seq_match_next(qmo_seq_iterator_t *it);                                       \
+    QMO_SEQ_API int qmo_seq_exact_match(const qmo_seq_iterator_t *match, const char *element);        \
+    QMO_SEQ_API int qmo_seq_match_substring(const qmo_seq_iterator_t *match, const char *element);    \
+    QMO_SEQ_API int qmo_seq_match_regex(const qmo_seq_iterator_t *match, const char *element);
+
+#define QMO_SEQ_MATCH_FAMILIES(X) \
+    X(match, SINGLE, QMO_SEQ_UNTYPED, 0, "61 701 62", "char elements matched against a pattern (% _ \\)")
+QMO_SEQ_MATCH_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Element-wise operators. Binary operators pull left then right, deliver
@@ -539,39 +695,49 @@ QMO_SEQ_API int qmo_seq_match_regex(const qmo_seq_iterator_t *match, const char 
  * a total width above QMO_SEQ_MAX_CHAR_WIDTH (61).
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_ARITHMETIC_OPS(X) X(add) X(sub) X(mul) X(div) X(mod) X(max) X(min)
-#define QMO_SEQ_COMPARISON_OPS(X) X(eq) X(ne) X(lt) X(gt) X(le) X(ge)
-#define QMO_SEQ_SIGN_OPS(X) X(abs) X(neg)
+/** Two operands of the member's type: qmo_seq_<family>_<t>(result, left, right). */
+#define QMO_SEQ_DECLARE_BINARY_(family, t, ctype, code)                                           \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left, \
+                                           qmo_seq_iterator_t *right);                           \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_BINARY TYPED
+#define QMO_SEQ_MERGE_BINARY NONE
 
-#define QMO_SEQ_DECLARE_BINARY_(op, t, ctype, code)                                  \
-    QMO_SEQ_API int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left, \
-                                       qmo_seq_iterator_t *right);                    \
-    QMO_SEQ_API int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_UNARY_(op, t, ctype, code)                                         \
-    QMO_SEQ_API int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input); \
-    QMO_SEQ_API int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it);
+/* and, or, xor and not are operator spellings in C++, so their names are not pasted. */
+#define QMO_SEQ_SINGLE_logic                                                                    \
+    QMO_SEQ_API int qmo_seq_and(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,           \
+                                qmo_seq_iterator_t *right);                                     \
+    QMO_SEQ_API int qmo_seq_and_qmo_seq_bool_next(qmo_seq_iterator_t *it);                      \
+    QMO_SEQ_API int qmo_seq_or(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,            \
+                               qmo_seq_iterator_t *right);                                      \
+    QMO_SEQ_API int qmo_seq_or_qmo_seq_bool_next(qmo_seq_iterator_t *it);                       \
+    QMO_SEQ_API int qmo_seq_xor(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,           \
+                                qmo_seq_iterator_t *right);                                     \
+    QMO_SEQ_API int qmo_seq_xor_qmo_seq_bool_next(qmo_seq_iterator_t *it);                      \
+    QMO_SEQ_API int qmo_seq_not(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);         \
+    QMO_SEQ_API int qmo_seq_not_qmo_seq_bool_next(qmo_seq_iterator_t *it);
 
-#define QMO_SEQ_DECLARE_NUMERIC_BINARY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_BINARY_, op)
-#define QMO_SEQ_DECLARE_ALL_BINARY_(op) QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_BINARY_, op)
-#define QMO_SEQ_DECLARE_NUMERIC_UNARY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_UNARY_, op)
+#define QMO_SEQ_ARITHMETIC_FAMILIES(X)                                                             \
+    X(add, BINARY, QMO_SEQ_ADD_TYPES, 0, "61 701", "left + right; integers wrap, char concatenates") \
+    X(sub, BINARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "left - right")                             \
+    X(mul, BINARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "left * right")                             \
+    X(div, BINARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "left / right (integer division by zero is not guarded)") \
+    X(mod, BINARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "remainder of left / right")                \
+    X(max, BINARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "the larger of left and right")             \
+    X(min, BINARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "the smaller of left and right")            \
+    X(abs, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "absolute value (datetime copied)")          \
+    X(neg, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "negation (unsigned copied, datetime modulo 2^64)")
+QMO_SEQ_ARITHMETIC_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
-QMO_SEQ_ARITHMETIC_OPS(QMO_SEQ_DECLARE_NUMERIC_BINARY_)
-QMO_SEQ_DECLARE_BINARY_(add, char, char, QMO_SEQ_TYPE_CHAR)
-QMO_SEQ_COMPARISON_OPS(QMO_SEQ_DECLARE_ALL_BINARY_)
-QMO_SEQ_SIGN_OPS(QMO_SEQ_DECLARE_NUMERIC_UNARY_)
-
-/* and, or, xor and not are operator spellings in C++, so these are not stamped. */
-QMO_SEQ_API int qmo_seq_and(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,
-                            qmo_seq_iterator_t *right);
-QMO_SEQ_API int qmo_seq_and_qmo_seq_bool_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_or(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,
-                           qmo_seq_iterator_t *right);
-QMO_SEQ_API int qmo_seq_or_qmo_seq_bool_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_xor(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,
-                            qmo_seq_iterator_t *right);
-QMO_SEQ_API int qmo_seq_xor_qmo_seq_bool_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_not(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
-QMO_SEQ_API int qmo_seq_not_qmo_seq_bool_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_COMPARISON_FAMILIES(X)                                                      \
+    X(eq, BINARY, QMO_SEQ_ALL_TYPES, 0, "61 701", "left == right, a uint1 sequence")       \
+    X(ne, BINARY, QMO_SEQ_ALL_TYPES, 0, "61 701", "left != right, a uint1 sequence")       \
+    X(lt, BINARY, QMO_SEQ_ALL_TYPES, 0, "61 701", "left < right, a uint1 sequence")        \
+    X(gt, BINARY, QMO_SEQ_ALL_TYPES, 0, "61 701", "left > right, a uint1 sequence")        \
+    X(le, BINARY, QMO_SEQ_ALL_TYPES, 0, "61 701", "left <= right, a uint1 sequence")       \
+    X(ge, BINARY, QMO_SEQ_ALL_TYPES, 0, "61 701", "left >= right, a uint1 sequence")       \
+    X(logic, SINGLE, QMO_SEQ_UNTYPED, 0, "61 701", "and, or, xor and not over uint1 sequences")
+QMO_SEQ_COMPARISON_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Conditionals and callbacks. A condition is a uint1 sequence; an element is
@@ -610,38 +776,60 @@ typedef void (*qmo_seq_func2_char_fn)(char *out, const char *left, const char *r
 typedef void (*qmo_seq_func2_ctx_char_fn)(char *out, const char *left, const char *right, size_t width,
                                           void *ctx);
 
-#define QMO_SEQ_DECLARE_CONDITIONALS_(a, t, ctype, code)                                             \
-    QMO_SEQ_API int qmo_seq_if_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,             \
-                                   qmo_seq_iterator_t *then_branch, qmo_seq_iterator_t *else_branch); \
-    QMO_SEQ_API int qmo_seq_if_##t##_next(qmo_seq_iterator_t *it);                                  \
-    QMO_SEQ_API int qmo_seq_iif_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,            \
-                                    qmo_seq_iterator_t *then_branch, qmo_seq_iterator_t *else_branch); \
-    QMO_SEQ_API int qmo_seq_iif_##t##_next(qmo_seq_iterator_t *it);                                 \
-    QMO_SEQ_API int qmo_seq_func_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,            \
-                                     qmo_seq_func_##t##_fn f);                                       \
-    QMO_SEQ_API int qmo_seq_func_##t##_next(qmo_seq_iterator_t *it);                                \
-    QMO_SEQ_API int qmo_seq_func_ctx_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,        \
-                                         qmo_seq_func_ctx_##t##_fn f, void *ctx);                    \
-    QMO_SEQ_API int qmo_seq_func_ctx_##t##_next(qmo_seq_iterator_t *it);                            \
-    QMO_SEQ_API int qmo_seq_cond_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,            \
-                                     qmo_seq_cond_##t##_fn f);                                       \
-    QMO_SEQ_API int qmo_seq_cond_##t##_next(qmo_seq_iterator_t *it);                                \
-    QMO_SEQ_API int qmo_seq_cond_ctx_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,        \
-                                         qmo_seq_cond_ctx_##t##_fn f, void *ctx);                    \
-    QMO_SEQ_API int qmo_seq_cond_ctx_##t##_next(qmo_seq_iterator_t *it);                            \
-    QMO_SEQ_API int qmo_seq_func2_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,          \
-                                      qmo_seq_iterator_t *right, qmo_seq_func2_##t##_fn f);          \
-    QMO_SEQ_API int qmo_seq_func2_##t##_next(qmo_seq_iterator_t *it);                               \
-    QMO_SEQ_API int qmo_seq_func2_ctx_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,      \
-                                          qmo_seq_iterator_t *right, qmo_seq_func2_ctx_##t##_fn f,   \
-                                          void *ctx);                                                \
-    QMO_SEQ_API int qmo_seq_func2_ctx_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_CONDITIONALS_, )
+/** (result, cond, then, else): the branches' type is the member's. */
+#define QMO_SEQ_DECLARE_SELECT_(family, t, ctype, code)                                              \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,   \
+                                           qmo_seq_iterator_t *then_branch,                         \
+                                           qmo_seq_iterator_t *else_branch);                        \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_SELECT TYPED
+#define QMO_SEQ_MERGE_SELECT NONE
+/** (result, arg, f) and (result, arg, f, ctx), f of type qmo_seq_<family>_<t>_fn. */
+#define QMO_SEQ_DECLARE_CALLBACK_(family, t, ctype, code)                                          \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,   \
+                                           qmo_seq_##family##_##t##_fn f);                        \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_CALLBACK TYPED
+#define QMO_SEQ_MERGE_CALLBACK NONE
+#define QMO_SEQ_DECLARE_CALLBACK_CTX_(family, t, ctype, code)                                      \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *arg,   \
+                                           qmo_seq_##family##_##t##_fn f, void *ctx);             \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_CALLBACK_CTX TYPED
+#define QMO_SEQ_MERGE_CALLBACK_CTX NONE
+/** (result, left, right, f) and (result, left, right, f, ctx). */
+#define QMO_SEQ_DECLARE_CALLBACK2_(family, t, ctype, code)                                          \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,   \
+                                           qmo_seq_iterator_t *right, qmo_seq_##family##_##t##_fn f); \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_CALLBACK2 TYPED
+#define QMO_SEQ_MERGE_CALLBACK2 NONE
+#define QMO_SEQ_DECLARE_CALLBACK2_CTX_(family, t, ctype, code)                                      \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,   \
+                                           qmo_seq_iterator_t *right, qmo_seq_##family##_##t##_fn f, \
+                                           void *ctx);                                             \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_CALLBACK2_CTX TYPED
+#define QMO_SEQ_MERGE_CALLBACK2_CTX NONE
+#define QMO_SEQ_SINGLE_if_reset                                                                   \
+    /** Resets both branches (the first error is returned), then the condition and the cursors. */ \
+    QMO_SEQ_API int qmo_seq_if_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_iif_reset                                                                  \
+    /** Resets both branches (the first error is returned), then the condition. */                \
+    QMO_SEQ_API int qmo_seq_iif_reset(qmo_seq_iterator_t *it);
 
-/** Resets both branches (the first error is returned), then the condition and the cursors. */
-QMO_SEQ_API int qmo_seq_if_reset(qmo_seq_iterator_t *it);
-/** Resets both branches (the first error is returned), then the condition. */
-QMO_SEQ_API int qmo_seq_iif_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_CONDITIONAL_FAMILIES(X)                                                               \
+    X(if, SELECT, QMO_SEQ_ALL_TYPES, 0, "61 701", "lazy selection: the branches are read as compact sequences") \
+    X(iif, SELECT, QMO_SEQ_ALL_TYPES, 0, "61 701", "positional selection: all three advance in step") \
+    X(func, CALLBACK, QMO_SEQ_ALL_TYPES, 0, "61 701", "a caller's function of each element")        \
+    X(func_ctx, CALLBACK_CTX, QMO_SEQ_ALL_TYPES, 0, "61 701", "a caller's function of each element and a context") \
+    X(cond, CALLBACK, QMO_SEQ_ALL_TYPES, 0, "61 701", "a caller's condition on each element, a uint1 sequence") \
+    X(cond_ctx, CALLBACK_CTX, QMO_SEQ_ALL_TYPES, 0, "61 701", "a caller's condition with a context, a uint1 sequence") \
+    X(func2, CALLBACK2, QMO_SEQ_ALL_TYPES, 0, "61 701", "a caller's function of two elements")      \
+    X(func2_ctx, CALLBACK2_CTX, QMO_SEQ_ALL_TYPES, 0, "61 701", "a caller's function of two elements and a context") \
+    X(if_reset, SINGLE, QMO_SEQ_UNTYPED, 0, "branches' reset statuses", "reset of if")             \
+    X(iif_reset, SINGLE, QMO_SEQ_UNTYPED, 0, "branches' reset statuses", "reset of iif")
+QMO_SEQ_CONDITIONAL_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Filters, positions and maps.
@@ -661,34 +849,46 @@ QMO_SEQ_API int qmo_seq_iif_reset(qmo_seq_iterator_t *it);
  *       null position gives 703; the result has no nulls, deliberately
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_DECLARE_FILTER_(a, t, ctype, code)                                               \
-    QMO_SEQ_API int qmo_seq_filter_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,     \
-                                       qmo_seq_iterator_t *values);                              \
-    QMO_SEQ_API int qmo_seq_filter_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_FILTER_, )
-/** Zeroes both cursors, clears the record's own bound flag, then the binary reset. */
-QMO_SEQ_API int qmo_seq_filter_reset(qmo_seq_iterator_t *it);
+/** (result, cond, values): the values' type is the member's. */
+#define QMO_SEQ_DECLARE_FILTER_(family, t, ctype, code)                                            \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,  \
+                                           qmo_seq_iterator_t *values);                           \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_FILTER TYPED
+#define QMO_SEQ_MERGE_FILTER NONE
+/** (result, values, positions): values of the member's type gathered at uint8 positions. */
+#define QMO_SEQ_DECLARE_GATHER_(family, t, ctype, code)                                             \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values, \
+                                           qmo_seq_iterator_t *positions);                         \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_GATHER TYPED
+#define QMO_SEQ_MERGE_GATHER NONE
+#define QMO_SEQ_SINGLE_filter_reset                                                             \
+    /** Zeroes both cursors, clears the record's own bound flag, then the binary reset. */      \
+    QMO_SEQ_API int qmo_seq_filter_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_filter_pos                                                               \
+    QMO_SEQ_API int qmo_seq_filter_pos(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond);   \
+    QMO_SEQ_API int qmo_seq_filter_pos_next(qmo_seq_iterator_t *it);                            \
+    QMO_SEQ_API int qmo_seq_filter_search(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond, \
+                                          qmo_seq_iterator_t *source);                          \
+    /** Cursor 0, position counter back to the base, then the unary reset. */                   \
+    QMO_SEQ_API int qmo_seq_filter_pos_reset(qmo_seq_iterator_t *it);                           \
+    /** The largest first_pos of it and, recursively, of its operands. */                       \
+    QMO_SEQ_API uint64_t qmo_seq_get_first_pos(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_filter_first_pos                                                         \
+    QMO_SEQ_API int qmo_seq_filter_first_pos(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond, \
+                                             uint64_t n);                                       \
+    QMO_SEQ_API int qmo_seq_filter_first_pos_next(qmo_seq_iterator_t *it);                      \
+    /** Inserts other's ascending block whole into result's at its place, keeping at most n. */ \
+    QMO_SEQ_API int qmo_seq_filter_first_pos_merge(qmo_seq_iterator_t *result, qmo_seq_iterator_t *other);
 
-QMO_SEQ_API int qmo_seq_filter_pos(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond);
-QMO_SEQ_API int qmo_seq_filter_pos_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_filter_search(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,
-                                      qmo_seq_iterator_t *source);
-/** Cursor 0, position counter back to the base, then the unary reset. */
-QMO_SEQ_API int qmo_seq_filter_pos_reset(qmo_seq_iterator_t *it);
-/** The largest first_pos of it and, recursively, of its operands. */
-QMO_SEQ_API uint64_t qmo_seq_get_first_pos(qmo_seq_iterator_t *it);
-
-QMO_SEQ_API int qmo_seq_filter_first_pos(qmo_seq_iterator_t *result, qmo_seq_iterator_t *cond,
-                                         uint64_t n);
-QMO_SEQ_API int qmo_seq_filter_first_pos_next(qmo_seq_iterator_t *it);
-/** Inserts other's ascending block whole into result's at its place, keeping at most n. */
-QMO_SEQ_API int qmo_seq_filter_first_pos_merge(qmo_seq_iterator_t *result, qmo_seq_iterator_t *other);
-
-#define QMO_SEQ_DECLARE_MAP_(a, t, ctype, code)                                                  \
-    QMO_SEQ_API int qmo_seq_map_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,      \
-                                    qmo_seq_iterator_t *positions);                              \
-    QMO_SEQ_API int qmo_seq_map_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MAP_, )
+#define QMO_SEQ_FILTER_FAMILIES(X)                                                                  \
+    X(filter, FILTER, QMO_SEQ_ALL_TYPES, 0, "61 701", "the values whose condition holds")          \
+    X(filter_reset, SINGLE, QMO_SEQ_UNTYPED, 0, "operands' reset statuses", "reset of filter")     \
+    X(filter_pos, SINGLE, QMO_SEQ_UNTYPED, 0, "61 701", "positions of the true conditions (filter_search: from a source's first position)") \
+    X(filter_first_pos, MERGED_SINGLE, QMO_SEQ_UNTYPED, QMO_SEQ_PARTIAL_FILTER_FIRST_POS, "61 701 62", "the first n positions whose condition holds, mergeable") \
+    X(map, GATHER, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 703", "values gathered at positions")
+QMO_SEQ_FILTER_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Reshaping: operators that change the length or order of one sequence
@@ -727,17 +927,33 @@ QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MAP_, )
  *       elements; state word 1 is the input cursor, word 2 the last value.
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_DECLARE_RESHAPE_(a, t, ctype, code)                                              \
-    QMO_SEQ_API int qmo_seq_thin_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,      \
-                                     uint64_t origin, uint64_t step);                            \
-    QMO_SEQ_API int qmo_seq_thin_##t##_next(qmo_seq_iterator_t *it);                            \
-    QMO_SEQ_API int qmo_seq_repeat_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,    \
-                                       uint64_t n);                                              \
-    QMO_SEQ_API int qmo_seq_repeat_##t##_next(qmo_seq_iterator_t *it);                          \
-    QMO_SEQ_DECLARE_UNARY_(reverse, t, ctype, code)                                              \
-    QMO_SEQ_API int qmo_seq_reverse_##t##_reset(qmo_seq_iterator_t *it);                        \
-    QMO_SEQ_DECLARE_UNARY_(unique, t, ctype, code)
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_RESHAPE_, )
+/** (result, input, origin, step). */
+#define QMO_SEQ_DECLARE_THIN_(family, t, ctype, code)                                              \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, \
+                                           uint64_t origin, uint64_t step);                       \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_THIN TYPED
+#define QMO_SEQ_MERGE_THIN NONE
+/** (result, input, n): one count (a repetition, an interval, a window, a limit). */
+#define QMO_SEQ_DECLARE_COUNTED_(family, t, ctype, code)                                           \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, \
+                                           uint64_t n);                                           \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_COUNTED TYPED
+#define QMO_SEQ_MERGE_COUNTED NONE
+/** A unary member with a reset of its own, qmo_seq_<family>_<t>_reset. */
+#define QMO_SEQ_DECLARE_UNARY_RESET_(family, t, ctype, code) \
+    QMO_SEQ_DECLARE_UNARY_(family, t, ctype, code)           \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_UNARY_RESET TYPED
+#define QMO_SEQ_MERGE_UNARY_RESET NONE
+
+#define QMO_SEQ_RESHAPE_FAMILIES(X)                                                                 \
+    X(thin, THIN, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "every step-th element from origin")      \
+    X(repeat, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "each element n times")                 \
+    X(reverse, UNARY_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 52", "the whole sequence backwards (materialised)") \
+    X(unique, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "runs of equal elements kept once")
+QMO_SEQ_RESHAPE_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Series analytics, for every numeric type t; one operand each, of type t
@@ -786,24 +1002,39 @@ QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_RESHAPE_, )
  * direction, before the unary reset.
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_DECLARE_ANALYTICS_(a, t, ctype, code)                                              \
-    QMO_SEQ_DECLARE_UNARY_(diff, t, ctype, code)                                                    \
-    QMO_SEQ_DECLARE_UNARY_(trend, t, ctype, code)                                                   \
-    QMO_SEQ_DECLARE_UNARY_(norm, t, ctype, code)                                                    \
-    QMO_SEQ_API int qmo_seq_cross_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,       \
-                                      int32_t kind);                                               \
-    QMO_SEQ_API int qmo_seq_cross_##t##_next(qmo_seq_iterator_t *it);                              \
-    QMO_SEQ_API int qmo_seq_extrema_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,     \
-                                        int32_t kind);                                             \
-    QMO_SEQ_API int qmo_seq_extrema_##t##_next(qmo_seq_iterator_t *it);                            \
-    QMO_SEQ_API int qmo_seq_extrema_##t##_reset_iterator(qmo_seq_iterator_t *it);                  \
-    QMO_SEQ_API int qmo_seq_histogram_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,   \
-                                          ctype low, ctype high, int64_t bins);                    \
-    QMO_SEQ_API int qmo_seq_histogram_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_ANALYTICS_, )
+/** (result, input, kind). */
+#define QMO_SEQ_DECLARE_KIND_(family, t, ctype, code)                                              \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, \
+                                           int32_t kind);                                         \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_KIND TYPED
+#define QMO_SEQ_MERGE_KIND NONE
+/** As KIND, with a reset of its own, qmo_seq_<family>_<t>_reset_iterator. */
+#define QMO_SEQ_DECLARE_KIND_RESET_(family, t, ctype, code) \
+    QMO_SEQ_DECLARE_KIND_(family, t, ctype, code)           \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_reset_iterator(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_KIND_RESET TYPED
+#define QMO_SEQ_MERGE_KIND_RESET NONE
+/** (result, input, low, high, bins). */
+#define QMO_SEQ_DECLARE_HISTOGRAM_(family, t, ctype, code)                                         \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, \
+                                           ctype low, ctype high, int64_t bins);                  \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_HISTOGRAM TYPED
+#define QMO_SEQ_MERGE_HISTOGRAM NONE
+#define QMO_SEQ_SINGLE_cross_reset                                                                        \
+    /** Reset of qmo_seq_cross_<t>: sign, zero run, end flag and cursor cleared, then the unary reset. */ \
+    QMO_SEQ_API int qmo_seq_cross_reset_iterator(qmo_seq_iterator_t *it);
 
-/** Reset of qmo_seq_cross_<t>: sign, zero run, end flag and cursor cleared, then the unary reset. */
-QMO_SEQ_API int qmo_seq_cross_reset_iterator(qmo_seq_iterator_t *it);
+#define QMO_SEQ_ANALYTICS_FAMILIES(X)                                                                 \
+    X(diff, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 703", "x[i] - x[i-1], the first 0")                  \
+    X(trend, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 703", "int1 direction of each move (1 up, -1 down, kept while flat)")         \
+    X(norm, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "x / sqrt(sum of x * x) over the whole input")     \
+    X(cross, KIND, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 57 703", "uint8 positions where the sign changes")     \
+    X(extrema, KIND_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 703", "uint8 positions of turning points")          \
+    X(histogram, HISTOGRAM, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "uint8 counts of elements per bin, one tile")     \
+    X(cross_reset, SINGLE, QMO_SEQ_UNTYPED, 0, "operand's reset status", "reset of cross")
+QMO_SEQ_ANALYTICS_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Scalar aggregates. Each folds its whole operand into one element (two for
@@ -854,22 +1085,18 @@ QMO_SEQ_API int qmo_seq_cross_reset_iterator(qmo_seq_iterator_t *it);
  * sxx, sxy, syy (unused ones 0), word 6 the count of pairs.
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_AGGREGATE_OPS(X) \
-    X(agg_sum) X(agg_prd) X(agg_min) X(agg_max) X(agg_avg) X(agg_var) X(agg_var_samp) X(agg_dev) X(agg_dev_samp)
-#define QMO_SEQ_PAIR_AGGREGATE_OPS(X) X(cov) X(corr) X(wsum) X(wavg)
-
-#define QMO_SEQ_DECLARE_MERGE_(op, t, ctype, code) \
-    QMO_SEQ_API int qmo_seq_##op##_##t##_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
-#define QMO_SEQ_DECLARE_AGGREGATE_(op, t, ctype, code) \
-    QMO_SEQ_DECLARE_UNARY_(op, t, ctype, code) QMO_SEQ_DECLARE_MERGE_(op, t, ctype, code)
-#define QMO_SEQ_DECLARE_PAIR_AGGREGATE_(op, t, ctype, code) \
-    QMO_SEQ_DECLARE_BINARY_(op, t, ctype, code) QMO_SEQ_DECLARE_MERGE_(op, t, ctype, code)
-#define QMO_SEQ_DECLARE_NUMERIC_AGGREGATE_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_AGGREGATE_, op)
-#define QMO_SEQ_DECLARE_NUMERIC_PAIR_AGGREGATE_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_PAIR_AGGREGATE_, op)
-
-QMO_SEQ_AGGREGATE_OPS(QMO_SEQ_DECLARE_NUMERIC_AGGREGATE_)
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_UNARY_, agg_min_max)
-QMO_SEQ_PAIR_AGGREGATE_OPS(QMO_SEQ_DECLARE_NUMERIC_PAIR_AGGREGATE_)
+/** A unary member with a merge, qmo_seq_<family>_<t>_merge(into, from). */
+#define QMO_SEQ_DECLARE_AGGREGATE_(family, t, ctype, code) \
+    QMO_SEQ_DECLARE_UNARY_(family, t, ctype, code)         \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+#define QMO_SEQ_KIND_AGGREGATE TYPED
+#define QMO_SEQ_MERGE_AGGREGATE FOLD
+/** A binary member (x, y) with a merge. */
+#define QMO_SEQ_DECLARE_PAIR_AGGREGATE_(family, t, ctype, code) \
+    QMO_SEQ_DECLARE_BINARY_(family, t, ctype, code)             \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+#define QMO_SEQ_KIND_PAIR_AGGREGATE TYPED
+#define QMO_SEQ_MERGE_PAIR_AGGREGATE PAIR_FOLD
 
 /**
  * Counts, of any element type, delivered as one uint8 element (0 for an empty
@@ -882,11 +1109,14 @@ QMO_SEQ_PAIR_AGGREGATE_OPS(QMO_SEQ_DECLARE_NUMERIC_PAIR_AGGREGATE_)
  * non-zero status, whatever it is, and the elements (non-null ones for
  * count_not_null) counted so far are delivered with 0. Merge adds the counts.
  */
-QMO_SEQ_API int qmo_seq_agg_count(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
-QMO_SEQ_API int qmo_seq_count_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_agg_count_not_null(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
-QMO_SEQ_API int qmo_seq_count_not_null_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_count_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+#define QMO_SEQ_SINGLE_agg_count                                                                   \
+    QMO_SEQ_API int qmo_seq_agg_count(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);      \
+    QMO_SEQ_API int qmo_seq_count_next(qmo_seq_iterator_t *it);                                    \
+    /** Adds the counts (of agg_count and agg_count_not_null alike). */                            \
+    QMO_SEQ_API int qmo_seq_count_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+#define QMO_SEQ_SINGLE_agg_count_not_null                                                           \
+    QMO_SEQ_API int qmo_seq_agg_count_not_null(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input); \
+    QMO_SEQ_API int qmo_seq_count_not_null_next(qmo_seq_iterator_t *it);
 
 /** Seed of every key and distinct-count hash (MurmurHash3, x86 32-bit). */
 #define QMO_SEQ_HASH_SEED 377307
@@ -899,19 +1129,47 @@ QMO_SEQ_API int qmo_seq_count_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t
  * state words 1-16, so partitions merge (register-wise maximum). An all-null
  * or empty operand gives 0; only an operand error gives an empty sequence.
  */
-QMO_SEQ_API int qmo_seq_agg_approxdc(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
-QMO_SEQ_API int qmo_seq_agg_approxdc_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_agg_approxdc_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
-/** As qmo_seq_agg_approxdc over uint4 elements that are already hashes (61 otherwise); not mergeable. */
-QMO_SEQ_API int qmo_seq_agg_approxdc_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);
-QMO_SEQ_API int qmo_seq_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_agg_approxdc                                                                \
+    QMO_SEQ_API int qmo_seq_agg_approxdc(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);   \
+    QMO_SEQ_API int qmo_seq_agg_approxdc_next(qmo_seq_iterator_t *it);                             \
+    QMO_SEQ_API int qmo_seq_agg_approxdc_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+#define QMO_SEQ_SINGLE_agg_approxdc_hash                                                                  \
+    /** As qmo_seq_agg_approxdc over uint4 elements that are already hashes (61 otherwise); not mergeable. */ \
+    QMO_SEQ_API int qmo_seq_agg_approxdc_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input);     \
+    QMO_SEQ_API int qmo_seq_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
 
 /**
  * Runs the record's own next once (its status is ignored) and sets the
  * prepared flag: the next call of next then hands out the result computed
  * here, after any merges, or 11 when the partition had none. Returns 0.
  */
-QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_prepare_aggregate \
+    QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_SCALAR_FAMILIES(X)                                                                                  \
+    X(agg_sum, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_SUM, "61 701", "sum (integers in 64 bits, wrapping)") \
+    X(agg_prd, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_PRD, "61 701", "product")                     \
+    X(agg_min, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_MIN, "61 701", "smallest element")            \
+    X(agg_max, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_MAX, "61 701", "largest element")             \
+    X(agg_avg, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_AVG, "61 701", "mean (datetime: integer mean)") \
+    X(agg_var, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_VAR, "61 701", "population variance")         \
+    X(agg_var_samp, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_VAR_SAMP, "61 701", "sample variance, (s2 - s1*s1/(n-1))/(n-1)") \
+    X(agg_dev, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_DEV, "61 701", "population standard deviation") \
+    X(agg_dev_samp, AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_AGG_DEV_SAMP, "61 701", "square root of agg_var_samp") \
+    X(agg_min_max, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "smallest and largest element in one tile of two")  \
+    X(agg_count, MERGED_SINGLE, QMO_SEQ_UNTYPED, QMO_SEQ_PARTIAL_AGG_COUNT, "-", "number of elements, one uint8")  \
+    X(agg_count_not_null, MERGED_SINGLE, QMO_SEQ_UNTYPED, QMO_SEQ_PARTIAL_AGG_COUNT_NOT_NULL, "-", "number of non-null elements, one uint8") \
+    X(agg_approxdc, MERGED_SINGLE, QMO_SEQ_UNTYPED, QMO_SEQ_PARTIAL_AGG_APPROXDC, "701", "approximate distinct count, one uint4") \
+    X(agg_approxdc_hash, SINGLE, QMO_SEQ_UNTYPED, 0, "61 701", "approximate distinct count of uint4 hashes")        \
+    X(prepare_aggregate, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "folds a partition ahead of merging")
+QMO_SEQ_SCALAR_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+#define QMO_SEQ_PAIR_FAMILIES(X)                                                                      \
+    X(cov, PAIR_AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_COV, "61 701", "covariance of x and y")          \
+    X(corr, PAIR_AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_CORR, "61 701", "correlation of x and y")       \
+    X(wsum, PAIR_AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_WSUM, "61 701", "sum of x * y, multiplied in double") \
+    X(wavg, PAIR_AGGREGATE, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_WAVG, "61 701", "sum of w * x over sum of w (weights first)")
+QMO_SEQ_PAIR_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Partial results as bytes: a prepared record's partial result leaves the
@@ -1004,10 +1262,16 @@ typedef struct qmo_seq_partial_header {
     uint64_t payload_bytes;
 } qmo_seq_partial_header_t;
 
-QMO_SEQ_API int qmo_seq_export_partial(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size);
-QMO_SEQ_API int qmo_seq_import_partial(qmo_seq_iterator_t *it, const void *bytes, uint64_t size);
-/** 0 and the header; 62 for too few bytes, another magic or version, or reserved bytes not 0. */
-QMO_SEQ_API int qmo_seq_read_partial_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *header);
+#define QMO_SEQ_SINGLE_partials                                                                        \
+    QMO_SEQ_API int qmo_seq_export_partial(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size);  \
+    QMO_SEQ_API int qmo_seq_import_partial(qmo_seq_iterator_t *it, const void *bytes, uint64_t size);   \
+    /** 0 and the header; 62 for too few bytes, another magic or version, or reserved bytes not 0. */   \
+    QMO_SEQ_API int qmo_seq_read_partial_header(const void *bytes, uint64_t size,                       \
+                                                qmo_seq_partial_header_t *header);
+
+#define QMO_SEQ_PARTIAL_RESULT_FAMILIES(X) \
+    X(partials, SINGLE, QMO_SEQ_UNTYPED, 0, "52 57 61 62", "a mergeable record's partial result as bytes, and back")
+QMO_SEQ_PARTIAL_RESULT_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 
 /* ------------------------------------------------------------------------
@@ -1073,35 +1337,51 @@ QMO_SEQ_API int qmo_seq_read_partial_header(const void *bytes, uint64_t size, qm
  *               null element gives s1, not a variance.
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_GRID_AGGREGATE_OPS(X) \
-    X(sum) X(avg) X(min) X(max) X(var) X(var_samp) X(dev) X(dev_samp)
-#define QMO_SEQ_WINDOW_AGGREGATE_OPS(X) \
-    X(sum) X(avg) X(min) X(max) X(var) X(var_samp) X(dev) X(dev_samp) X(ema) X(atr)
-#define QMO_SEQ_CUM_AGGREGATE_OPS(X) \
-    X(sum) X(avg) X(prd) X(min) X(max) X(var) X(var_samp) X(dev) X(dev_samp)
-
 /** Bytes of a window aggregate's ring: the largest window is this over the element size. */
 #define QMO_SEQ_WINDOW_RING_BYTES 208
 
-#define QMO_SEQ_DECLARE_GRID_AGG_(op, t, ctype, code)                                               \
-    QMO_SEQ_API int qmo_seq_grid_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, \
-                                                uint64_t interval);                                  \
-    QMO_SEQ_API int qmo_seq_grid_agg_##op##_##t##_next(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_WINDOW_AGG_(op, t, ctype, code)                                               \
-    QMO_SEQ_API int qmo_seq_window_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, \
-                                                  uint64_t window);                                    \
-    QMO_SEQ_API int qmo_seq_window_agg_##op##_##t##_next(qmo_seq_iterator_t *it);                     \
-    QMO_SEQ_API int qmo_seq_window_agg_##op##_##t##_reset(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_CUM_AGG_(op, t, ctype, code)                                              \
-    QMO_SEQ_API int qmo_seq_cum_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input); \
-    QMO_SEQ_API int qmo_seq_cum_agg_##op##_##t##_next(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_GRID_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_GRID_AGG_, op)
-#define QMO_SEQ_DECLARE_WINDOW_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_WINDOW_AGG_, op)
-#define QMO_SEQ_DECLARE_CUM_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_CUM_AGG_, op)
+/** As COUNTED, with a reset of its own, qmo_seq_<family>_<t>_reset. */
+#define QMO_SEQ_DECLARE_COUNTED_RESET_(family, t, ctype, code) \
+    QMO_SEQ_DECLARE_COUNTED_(family, t, ctype, code)           \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_COUNTED_RESET TYPED
+#define QMO_SEQ_MERGE_COUNTED_RESET NONE
 
-QMO_SEQ_GRID_AGGREGATE_OPS(QMO_SEQ_DECLARE_GRID_OP_)
-QMO_SEQ_WINDOW_AGGREGATE_OPS(QMO_SEQ_DECLARE_WINDOW_OP_)
-QMO_SEQ_CUM_AGGREGATE_OPS(QMO_SEQ_DECLARE_CUM_OP_)
+#define QMO_SEQ_GRID_FAMILIES(X)                                                                        \
+    X(grid_agg_sum, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "sum per interval of n elements")   \
+    X(grid_agg_avg, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "mean per interval")                \
+    X(grid_agg_min, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "smallest element per interval")    \
+    X(grid_agg_max, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "largest element per interval")     \
+    X(grid_agg_var, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "population variance per interval") \
+    X(grid_agg_var_samp, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "sample variance per interval") \
+    X(grid_agg_dev, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "standard deviation per interval")  \
+    X(grid_agg_dev_samp, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "sample deviation per interval")
+QMO_SEQ_GRID_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+#define QMO_SEQ_WINDOW_FAMILIES(X)                                                                             \
+    X(window_agg_sum, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "moving sum over the last n")  \
+    X(window_agg_avg, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "moving mean (divided by n from the start)") \
+    X(window_agg_min, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "moving minimum (unfilled slots hold 0)") \
+    X(window_agg_max, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "moving maximum (unfilled slots hold 0)") \
+    X(window_agg_var, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "moving population variance") \
+    X(window_agg_var_samp, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "moving sample variance") \
+    X(window_agg_dev, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "moving standard deviation") \
+    X(window_agg_dev_samp, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "moving sample deviation") \
+    X(window_agg_ema, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "exponential moving average, a = 2 / (n + 1)") \
+    X(window_agg_atr, COUNTED_RESET, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "Wilder's smoothing over n")
+QMO_SEQ_WINDOW_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+#define QMO_SEQ_CUMULATIVE_FAMILIES(X)                                                            \
+    X(cum_agg_sum, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running sum")                     \
+    X(cum_agg_avg, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running mean, weighted by position") \
+    X(cum_agg_prd, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running product")                 \
+    X(cum_agg_min, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running minimum")                 \
+    X(cum_agg_max, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running maximum")                 \
+    X(cum_agg_var, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running population variance")     \
+    X(cum_agg_var_samp, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running sample variance")    \
+    X(cum_agg_dev, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running standard deviation")      \
+    X(cum_agg_dev_samp, UNARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701", "running sample deviation")
+QMO_SEQ_CUMULATIVE_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Group aggregates over runs of equal keys. A group is a run of adjacent
@@ -1151,30 +1431,48 @@ QMO_SEQ_CUM_AGGREGATE_OPS(QMO_SEQ_DECLARE_CUM_OP_)
  * ternary form, so that exactly the member's operands are rewound.
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_GROUP_AGGREGATE_OPS(X) \
-    X(sum) X(avg) X(min) X(max) X(first) X(last) X(var) X(var_samp) X(dev) X(dev_samp)
+/** (result, values, keys): one result per run of equal keys. */
+#define QMO_SEQ_DECLARE_GROUP_(family, t, ctype, code)                                              \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values, \
+                                           qmo_seq_iterator_t *keys);                              \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_GROUP TYPED
+#define QMO_SEQ_MERGE_GROUP NONE
+/** (result, weights, values, keys). */
+#define QMO_SEQ_DECLARE_WEIGHTED_GROUP_(family, t, ctype, code)                                      \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *weights, \
+                                           qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys);   \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_WEIGHTED_GROUP TYPED
+#define QMO_SEQ_MERGE_WEIGHTED_GROUP NONE
+#define QMO_SEQ_SINGLE_group_agg_count                                                             \
+    QMO_SEQ_API int qmo_seq_group_agg_count(qmo_seq_iterator_t *result, qmo_seq_iterator_t *keys); \
+    QMO_SEQ_API int qmo_seq_group_agg_count_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_group_agg_approxdc                                                          \
+    QMO_SEQ_API int qmo_seq_group_agg_approxdc(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values, \
+                                               qmo_seq_iterator_t *keys);                          \
+    QMO_SEQ_API int qmo_seq_group_agg_approxdc_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_group_agg_approxdc_hash                                                     \
+    QMO_SEQ_API int qmo_seq_group_agg_approxdc_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values, \
+                                                    qmo_seq_iterator_t *keys);                     \
+    QMO_SEQ_API int qmo_seq_group_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
 
-#define QMO_SEQ_DECLARE_GROUP_AGGREGATE_(op, t, ctype, code)                                            \
-    QMO_SEQ_API int qmo_seq_group_agg_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values, \
-                                                 qmo_seq_iterator_t *keys);                              \
-    QMO_SEQ_API int qmo_seq_group_agg_##op##_##t##_next(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_GROUP_WAVG_(a, t, ctype, code)                                                   \
-    QMO_SEQ_API int qmo_seq_group_agg_wavg_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *weights,   \
-                                               qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys);     \
-    QMO_SEQ_API int qmo_seq_group_agg_wavg_##t##_next(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_NUMERIC_GROUP_AGGREGATE_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_GROUP_AGGREGATE_, op)
-
-QMO_SEQ_GROUP_AGGREGATE_OPS(QMO_SEQ_DECLARE_NUMERIC_GROUP_AGGREGATE_)
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_GROUP_WAVG_, )
-
-QMO_SEQ_API int qmo_seq_group_agg_count(qmo_seq_iterator_t *result, qmo_seq_iterator_t *keys);
-QMO_SEQ_API int qmo_seq_group_agg_count_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_group_agg_approxdc(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,
-                                           qmo_seq_iterator_t *keys);
-QMO_SEQ_API int qmo_seq_group_agg_approxdc_next(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_group_agg_approxdc_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *values,
-                                                qmo_seq_iterator_t *keys);
-QMO_SEQ_API int qmo_seq_group_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_RUN_FAMILIES(X)                                                                          \
+    X(group_agg_sum, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "sum per run of equal keys")    \
+    X(group_agg_avg, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "mean per run")                 \
+    X(group_agg_min, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "smallest value per run")       \
+    X(group_agg_max, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "largest value per run")        \
+    X(group_agg_first, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "first non-null value per run") \
+    X(group_agg_last, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "last non-null value per run") \
+    X(group_agg_var, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "population variance per run")  \
+    X(group_agg_var_samp, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "sample variance per run") \
+    X(group_agg_dev, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "standard deviation per run")   \
+    X(group_agg_dev_samp, GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "sample deviation per run") \
+    X(group_agg_wavg, WEIGHTED_GROUP, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 702 703", "weighted mean per run") \
+    X(group_agg_count, SINGLE, QMO_SEQ_UNTYPED, 0, "701 703", "length of each run")                     \
+    X(group_agg_approxdc, SINGLE, QMO_SEQ_UNTYPED, 0, "701 702 703", "approximate distinct count per run") \
+    X(group_agg_approxdc_hash, SINGLE, QMO_SEQ_UNTYPED, 0, "61 701 702 703", "approximate distinct count of uint4 hashes per run")
+QMO_SEQ_RUN_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Hash aggregates: group-by over keys in any order of arrival. A constructor
@@ -1232,13 +1530,13 @@ QMO_SEQ_API int qmo_seq_group_agg_approxdc_hash_next(qmo_seq_iterator_t *it);
  * already detached).
  * ---------------------------------------------------------------------- */
 
-/** Bucket count asked for by a constructor given 0 (default 1361). Read at every use. */
-QMO_SEQ_API extern uint64_t qmo_seq_hash_table_init_size;
-/** Entries per bucket before a table grows (default 1.0). Read at every use. */
-QMO_SEQ_API extern double qmo_seq_hash_table_load_factor;
+#define QMO_SEQ_SINGLE_hash_settings                                                                  \
+    /** Bucket count asked for by a constructor given 0 (default 1361). Read at every use. */         \
+    QMO_SEQ_API extern uint64_t qmo_seq_hash_table_init_size;                                         \
+    /** Entries per bucket before a table grows (default 1.0). Read at every use. */                   \
+    QMO_SEQ_API extern double qmo_seq_hash_table_load_factor;
 
-#define QMO_SEQ_HASH_AGGREGATE_OPS(X) X(max) X(min) X(sum) X(avg)
-
+/** The five functions of one hash aggregate member, named by qmo_seq_hash_agg_<name>. */
 #define QMO_SEQ_DECLARE_HASH_MEMBER_(name)                                                             \
     QMO_SEQ_API int qmo_seq_hash_agg_##name(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp,          \
                                             qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys,      \
@@ -1247,16 +1545,24 @@ QMO_SEQ_API extern double qmo_seq_hash_table_load_factor;
     QMO_SEQ_API int qmo_seq_hash_merge_##name(qmo_seq_iterator_t *dst, qmo_seq_iterator_t *src);       \
     QMO_SEQ_API int qmo_seq_hash_agg_##name##_next_grp(qmo_seq_iterator_t *it);                        \
     QMO_SEQ_API int qmo_seq_hash_agg_##name##_next_agg(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_HASH_TYPED_(op, t, ctype, code) QMO_SEQ_DECLARE_HASH_MEMBER_(op##_##t)
-#define QMO_SEQ_DECLARE_HASH_OP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_HASH_TYPED_, op)
+/** A hash aggregate per value type: the family is the operation (qmo_seq_hash_agg_<op>_<t>). */
+#define QMO_SEQ_DECLARE_HASH_(op, t, ctype, code) QMO_SEQ_DECLARE_HASH_MEMBER_(op##_##t)
+#define QMO_SEQ_KIND_HASH HASHED
+#define QMO_SEQ_MERGE_HASH HASH
+/** A hash aggregate of any value type (qmo_seq_hash_agg_<op>), with distinct-count registers. */
+#define QMO_SEQ_DECLARE_HASH_SKETCH_(op, t, ctype, code) QMO_SEQ_DECLARE_HASH_MEMBER_(op)
+#define QMO_SEQ_KIND_HASH_SKETCH SINGLE
+#define QMO_SEQ_MERGE_HASH_SKETCH HASH_SKETCH
+/** The count's one member counts into uint8 whatever the value type (its partial results carry no type). */
+#define QMO_SEQ_HASH_COUNT_TYPES(X, a) X(a, uint8, uint64_t, QMO_SEQ_ANY_TYPE)
+#define QMO_SEQ_DECLARE_HASH_COUNT_(op, t, ctype, code) QMO_SEQ_DECLARE_HASH_MEMBER_(op##_##t)
+#define QMO_SEQ_KIND_HASH_COUNT HASHED
+#define QMO_SEQ_MERGE_HASH_COUNT HASH
 
-QMO_SEQ_HASH_AGGREGATE_OPS(QMO_SEQ_DECLARE_HASH_OP_)
-QMO_SEQ_DECLARE_HASH_MEMBER_(count_uint8)
-QMO_SEQ_DECLARE_HASH_MEMBER_(approxdc)
-/** Occurrences of each key: qmo_seq_hash_agg_count_uint8 without values. */
-QMO_SEQ_API int qmo_seq_hash_agg_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp, qmo_seq_iterator_t *keys,
-                                       uint64_t init_size);
-
+#define QMO_SEQ_SINGLE_hash_count_keys                                                                \
+    /** Occurrences of each key: qmo_seq_hash_agg_count_uint8 without values. */                      \
+    QMO_SEQ_API int qmo_seq_hash_agg_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp,          \
+                                           qmo_seq_iterator_t *keys, uint64_t init_size);
 /**
  * Per group key, the number of distinct non-null values that occur at least
  * n times in the group (distinct_count: n = 1). Values and keys of any type;
@@ -1269,34 +1575,49 @@ QMO_SEQ_API int qmo_seq_hash_agg_count(qmo_seq_iterator_t *agg, qmo_seq_iterator
  * qmo_seq_dup_hash_merge (a value seen in several partitions counts once its
  * summed occurrences reach n). Aggregates are uint8 and never null.
  */
-QMO_SEQ_API int qmo_seq_hash_agg_dup_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp,
-                                           qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys,
-                                           uint64_t group_size, uint64_t pair_size, uint64_t n);
-QMO_SEQ_API int qmo_seq_hash_agg_distinct_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp,
-                                                qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys,
-                                                uint64_t group_size, uint64_t pair_size);
-QMO_SEQ_API int qmo_seq_dup_hash_prepare(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_dup_hash_merge(qmo_seq_iterator_t *dst, qmo_seq_iterator_t *src);
-QMO_SEQ_API int qmo_seq_dup_hash_next_count(qmo_seq_iterator_t *it);
-QMO_SEQ_API int qmo_seq_dup_hash_next_grp(qmo_seq_iterator_t *it);
-
-/** Reset of hash aggregate outputs: the cursor goes back to the first bucket; the table is kept. */
-QMO_SEQ_API int qmo_seq_hash_agg_reset(qmo_seq_iterator_t *it);
-/** 1 when the record is a hash aggregate output (its reset is qmo_seq_hash_agg_reset), else 0. */
-QMO_SEQ_API int qmo_seq_is_hash_aggreate(const qmo_seq_iterator_t *it);
-/** Frees the table and the shared record of a hash aggregate; detaches both outputs. Returns 0. */
-QMO_SEQ_API int qmo_seq_release_hash(qmo_seq_iterator_t *it);
-/** As qmo_seq_release_hash, and clears the output's reset slot; 1, or 0 when it was already detached. */
-QMO_SEQ_API int qmo_seq_free_hash(qmo_seq_iterator_t *it);
-
+#define QMO_SEQ_SINGLE_hash_dup                                                                      \
+    QMO_SEQ_API int qmo_seq_hash_agg_dup_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp,     \
+                                               qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys, \
+                                               uint64_t group_size, uint64_t pair_size, uint64_t n); \
+    QMO_SEQ_API int qmo_seq_hash_agg_distinct_count(qmo_seq_iterator_t *agg, qmo_seq_iterator_t *grp, \
+                                                    qmo_seq_iterator_t *values, qmo_seq_iterator_t *keys, \
+                                                    uint64_t group_size, uint64_t pair_size);       \
+    QMO_SEQ_API int qmo_seq_dup_hash_prepare(qmo_seq_iterator_t *it);                                \
+    QMO_SEQ_API int qmo_seq_dup_hash_merge(qmo_seq_iterator_t *dst, qmo_seq_iterator_t *src);        \
+    QMO_SEQ_API int qmo_seq_dup_hash_next_count(qmo_seq_iterator_t *it);                             \
+    QMO_SEQ_API int qmo_seq_dup_hash_next_grp(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_hash_outputs                                                                   \
+    /** Reset of hash aggregate outputs: the cursor goes back to the first bucket; the table is kept. */ \
+    QMO_SEQ_API int qmo_seq_hash_agg_reset(qmo_seq_iterator_t *it);                                   \
+    /** 1 when the record is a hash aggregate output (its reset is qmo_seq_hash_agg_reset), else 0. */  \
+    QMO_SEQ_API int qmo_seq_is_hash_aggreate(const qmo_seq_iterator_t *it);                           \
+    /** Frees the table and the shared record of a hash aggregate; detaches both outputs. Returns 0. */ \
+    QMO_SEQ_API int qmo_seq_release_hash(qmo_seq_iterator_t *it);                                     \
+    /** As qmo_seq_release_hash, and clears the output's reset slot; 1, or 0 when it was already detached. */ \
+    QMO_SEQ_API int qmo_seq_free_hash(qmo_seq_iterator_t *it);
 /**
  * Element-wise hash, uint4: MurmurHash3 (x86, 32-bit) of each element's
  * bytes with seed QMO_SEQ_HASH_SEED, or, when seeds (uint4, else 61) is given,
  * with the seed at the same index; so chaining hashes a compound key. Null
  * where the input or the seed is null. The input's tile length rules.
  */
-QMO_SEQ_API int qmo_seq_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, qmo_seq_iterator_t *seeds);
-QMO_SEQ_API int qmo_seq_hash_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SINGLE_hash                                        \
+    QMO_SEQ_API int qmo_seq_hash(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input, qmo_seq_iterator_t *seeds); \
+    QMO_SEQ_API int qmo_seq_hash_next(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_HASH_FAMILIES(X)                                                                        \
+    X(hash_settings, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "initial bucket count and load factor of hash tables") \
+    X(max, HASH, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_HASH_AGG_MAX, "61 701 52 703", "group-by: largest value per key") \
+    X(min, HASH, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_HASH_AGG_MIN, "61 701 52 703", "group-by: smallest value per key") \
+    X(sum, HASH, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_HASH_AGG_SUM, "61 701 52 703", "group-by: sum per key") \
+    X(avg, HASH, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_HASH_AGG_AVG, "61 701 52 703", "group-by: mean per key") \
+    X(count, HASH_COUNT, QMO_SEQ_HASH_COUNT_TYPES, QMO_SEQ_PARTIAL_HASH_AGG_COUNT, "701 52 703", "group-by: occurrences per key") \
+    X(approxdc, HASH_SKETCH, QMO_SEQ_UNTYPED, QMO_SEQ_PARTIAL_HASH_AGG_APPROXDC, "701 52 703", "group-by: approximate distinct values per key") \
+    X(hash_count_keys, SINGLE, QMO_SEQ_UNTYPED, 0, "701 52 703", "group-by: occurrences per key, without values") \
+    X(hash_dup, SINGLE, QMO_SEQ_UNTYPED, 0, "701 52 703", "group-by: duplicate and distinct counts of values per key") \
+    X(hash_outputs, SINGLE, QMO_SEQ_UNTYPED, 0, "-", "reset, test and release of hash aggregate outputs") \
+    X(hash, SINGLE, QMO_SEQ_UNTYPED, 0, "61 701", "MurmurHash3 of each element, seeded per element")
+QMO_SEQ_HASH_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Top-N: the n largest or smallest non-null values of a whole sequence, or
@@ -1333,20 +1654,19 @@ QMO_SEQ_API int qmo_seq_hash_next(qmo_seq_iterator_t *it);
  * pull computes the list afresh).
  * ---------------------------------------------------------------------- */
 
-#define QMO_SEQ_TOP_OPS(X) X(top_max) X(top_min)
-#define QMO_SEQ_TOP_POS_OPS(X) X(top_pos_max) X(top_pos_min)
+/** (result, input, n) with a merge. */
+#define QMO_SEQ_DECLARE_TOP_(family, t, ctype, code) \
+    QMO_SEQ_DECLARE_COUNTED_(family, t, ctype, code) \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_merge(qmo_seq_iterator_t *into, qmo_seq_iterator_t *from);
+#define QMO_SEQ_KIND_TOP TYPED
+#define QMO_SEQ_MERGE_TOP TOP
 
-#define QMO_SEQ_DECLARE_TOP_(op, t, ctype, code)                                                   \
-    QMO_SEQ_API int qmo_seq_##op##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,      \
-                                       uint64_t n);                                                \
-    QMO_SEQ_API int qmo_seq_##op##_##t##_next(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_MERGED_TOP_(op, t, ctype, code) \
-    QMO_SEQ_DECLARE_TOP_(op, t, ctype, code) QMO_SEQ_DECLARE_MERGE_(op, t, ctype, code)
-#define QMO_SEQ_DECLARE_NUMERIC_TOP_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MERGED_TOP_, op)
-#define QMO_SEQ_DECLARE_NUMERIC_TOP_POS_(op) QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_TOP_, op)
-
-QMO_SEQ_TOP_OPS(QMO_SEQ_DECLARE_NUMERIC_TOP_)
-QMO_SEQ_TOP_POS_OPS(QMO_SEQ_DECLARE_NUMERIC_TOP_POS_)
+#define QMO_SEQ_TOP_FAMILIES(X)                                                                                 \
+    X(top_max, TOP, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_TOP_MAX, "61 701 62", "the n largest values, descending") \
+    X(top_min, TOP, QMO_SEQ_NUMERIC_TYPES, QMO_SEQ_PARTIAL_TOP_MIN, "61 701 62", "the n smallest values, ascending") \
+    X(top_pos_max, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "positions of the n largest values")        \
+    X(top_pos_min, COUNTED, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62", "positions of the n smallest values")
+QMO_SEQ_TOP_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Sorting into permutations, for every numeric type t:
@@ -1402,17 +1722,24 @@ QMO_SEQ_TOP_POS_OPS(QMO_SEQ_DECLARE_NUMERIC_TOP_POS_)
 #define QMO_SEQ_ASCENDING 1
 #define QMO_SEQ_DESCENDING 2
 
-#define QMO_SEQ_DECLARE_SORT_(a, t, ctype, code)                                                 \
-    QMO_SEQ_API int qmo_seq_sort_##t(const ctype *values, uint64_t *permutation, uint64_t n,     \
-                                     int order);                                                  \
+/** qmo_seq_<family>_<t>(values, permutation, n, order) and the ordering iterator qmo_seq_order_by_<t>. */
+#define QMO_SEQ_DECLARE_SORT_(family, t, ctype, code)                                            \
+    QMO_SEQ_API int qmo_seq_##family##_##t(const ctype *values, uint64_t *permutation, uint64_t n, \
+                                           int order);                                           \
     QMO_SEQ_API int qmo_seq_order_by_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input,  \
                                          const uint64_t *permutation, uint64_t n,                 \
                                          const ctype *buffer);                                    \
     QMO_SEQ_API int qmo_seq_order_by_##t##_next(qmo_seq_iterator_t *it);
-QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_SORT_, )
+#define QMO_SEQ_KIND_SORT TYPED
+#define QMO_SEQ_MERGE_SORT NONE
+#define QMO_SEQ_SINGLE_order_by_reset                                                             \
+    /** Reset of an ordering iterator that read its input: frees what it took, resets the input. */ \
+    QMO_SEQ_API int qmo_seq_order_by_reset(qmo_seq_iterator_t *it);
 
-/** Reset of an ordering iterator that read its input: frees what it took, resets the input. */
-QMO_SEQ_API int qmo_seq_order_by_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_SORT_FAMILIES(X)                                                                     \
+    X(sort, SORT, QMO_SEQ_NUMERIC_TYPES, 0, "62 52 (order_by: 61 701 52)", "a sorting permutation, and a sequence ordered by one") \
+    X(order_by_reset, SINGLE, QMO_SEQ_UNTYPED, 0, "input's reset status", "reset of order_by")
+QMO_SEQ_SORT_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
  * Stretch: a value sequence stamped by coarse time stamps (the source),
@@ -1441,23 +1768,42 @@ QMO_SEQ_API int qmo_seq_order_by_reset(qmo_seq_iterator_t *it);
  * Nothing is allocated.
  * ---------------------------------------------------------------------- */
 
-/** The time-stamp types of alignment operators. */
-#define QMO_SEQ_TIMESTAMP_TYPES(X, a)             \
-    X(a, uint4, uint32_t, QMO_SEQ_TYPE_UINT4)     \
-    X(a, uint8, uint64_t, QMO_SEQ_TYPE_UINT8)     \
-    X(a, datetime, uint64_t, QMO_SEQ_TYPE_DATETIME)
-
-#define QMO_SEQ_DECLARE_STRETCH_(ts, t, ctype, code) QMO_SEQ_DECLARE_STRETCH_I_(QMO_SEQ_EXPAND ts, t, ctype)
+/** (result, target, source, values, filler), a member per time-stamp type and value type. */
+#define QMO_SEQ_DECLARE_STRETCH_(family, pair, ctype, code) \
+    QMO_SEQ_DECLARE_STRETCH_I_(family, QMO_SEQ_EXPAND pair, ctype)
 #define QMO_SEQ_DECLARE_STRETCH_I_(...) QMO_SEQ_DECLARE_STRETCH_II_(__VA_ARGS__)
-#define QMO_SEQ_DECLARE_STRETCH_II_(ts, t, ctype)                                                    \
-    QMO_SEQ_API int qmo_seq_stretch_##ts##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *target, \
-                                               qmo_seq_iterator_t *source, qmo_seq_iterator_t *values, \
-                                               ctype filler);                                         \
-    QMO_SEQ_API int qmo_seq_stretch_##ts##_##t##_next(qmo_seq_iterator_t *it);                       \
-    QMO_SEQ_API int qmo_seq_stretch_##ts##_##t##_reset(qmo_seq_iterator_t *it);
-#define QMO_SEQ_DECLARE_STRETCHES_OVER_(a, ts, tsctype, tscode) \
-    QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_STRETCH_, (ts))
-QMO_SEQ_TIMESTAMP_TYPES(QMO_SEQ_DECLARE_STRETCHES_OVER_, )
+#define QMO_SEQ_DECLARE_STRETCH_II_(family, ts, t, tscode, ctype)                                        \
+    QMO_SEQ_API int qmo_seq_##family##_##ts##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *target, \
+                                                  qmo_seq_iterator_t *source, qmo_seq_iterator_t *values, \
+                                                  ctype filler);                                         \
+    QMO_SEQ_API int qmo_seq_##family##_##ts##_##t##_next(qmo_seq_iterator_t *it);                       \
+    QMO_SEQ_API int qmo_seq_##family##_##ts##_##t##_reset(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_STRETCH PAIRED
+#define QMO_SEQ_MERGE_STRETCH NONE
+
+#define QMO_SEQ_ALIGN_FAMILIES(X) \
+    X(stretch, STRETCH, QMO_SEQ_STAMPED_TYPES, 0, "61 701 702 703", "a coarse series carried over a finer time axis, then a filler")
+QMO_SEQ_ALIGN_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+/* ------------------------------------------------------------------------
+ * Every family, group by group (the order of docs/reference.md).
+ * ---------------------------------------------------------------------- */
+#define QMO_SEQ_FAMILIES(X)                                                                        \
+    QMO_SEQ_CORE_FAMILIES(X) QMO_SEQ_FRAME_FAMILIES(X) QMO_SEQ_READER_FAMILIES(X) QMO_SEQ_CONST_FAMILIES(X)                  \
+    QMO_SEQ_SOURCE_FAMILIES(X) QMO_SEQ_PLUMBING_FAMILIES(X) QMO_SEQ_META_FAMILIES(X)              \
+    QMO_SEQ_CONVERSION_FAMILIES(X) QMO_SEQ_PARSE_FAMILIES(X) QMO_SEQ_MATCH_FAMILIES(X)            \
+    QMO_SEQ_ARITHMETIC_FAMILIES(X) QMO_SEQ_COMPARISON_FAMILIES(X) QMO_SEQ_CONDITIONAL_FAMILIES(X) \
+    QMO_SEQ_FILTER_FAMILIES(X) QMO_SEQ_RESHAPE_FAMILIES(X) QMO_SEQ_ANALYTICS_FAMILIES(X)          \
+    QMO_SEQ_SCALAR_FAMILIES(X) QMO_SEQ_PAIR_FAMILIES(X) QMO_SEQ_PARTIAL_RESULT_FAMILIES(X) QMO_SEQ_GRID_FAMILIES(X)        \
+    QMO_SEQ_WINDOW_FAMILIES(X) QMO_SEQ_CUMULATIVE_FAMILIES(X) QMO_SEQ_RUN_FAMILIES(X)             \
+    QMO_SEQ_HASH_FAMILIES(X) QMO_SEQ_TOP_FAMILIES(X) QMO_SEQ_SORT_FAMILIES(X)                     \
+    QMO_SEQ_ALIGN_FAMILIES(X)
+
+/** The groups by name, X(group): docs/reference.md gives one section to each. */
+#define QMO_SEQ_FAMILY_GROUPS(X)                                                              \
+    X(CORE) X(FRAME) X(READER) X(CONST) X(SOURCE) X(PLUMBING) X(META) X(CONVERSION) X(PARSE) X(MATCH)  \
+    X(ARITHMETIC) X(COMPARISON) X(CONDITIONAL) X(FILTER) X(RESHAPE) X(ANALYTICS) X(SCALAR) X(PAIR) \
+    X(PARTIAL_RESULT) X(GRID) X(WINDOW) X(CUMULATIVE) X(RUN) X(HASH) X(TOP) X(SORT) X(ALIGN)
 
 #ifdef __cplusplus
 } /* extern "C" */

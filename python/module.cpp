@@ -141,21 +141,115 @@ Make hashed(F f, bool with_values) {
     };
 }
 
-void stamp_tables() {
-#define QMO_PY_SOURCE_(a, t, ctype, code)                                                                 \
-    sources[code] = [](Iter *r, const void *v, uint64_t n, const uint64_t *nulls, size_t) {               \
-        const auto *values = static_cast<const ctype *>(v);                                               \
-        return nulls ? qmo_seq_unget_nullable_##t(r, values, n, nulls) : qmo_seq_unget_##t(r, values, n); \
-    };                                                                                                    \
-    constants[code] = [](Iter *r, const void *v, size_t) {                                                \
-        ctype x;                                                                                          \
-        std::memcpy(&x, v, sizeof x);                                                                     \
-        return qmo_seq_const_##t(r, x);                                                                   \
-    };                                                                                                    \
-    sorts[code] = [](const void *v, uint64_t *perm, uint64_t n, int order) {                              \
-        qmo_seq_sort_##t(static_cast<const ctype *>(v), perm, n, order);                                  \
+// The tables are expanded from the registry: every row with typed members is
+// bound through its shape's line below (a shape without one fails to
+// compile); single families are bound by hand after them, where useful.
+#define QMO_PY_ROW_(family, shape, types, partial, statuses, doc) QMO_PY_ROW_I_(QMO_SEQ_KIND_##shape, shape, family, types)
+#define QMO_PY_ROW_I_(kind, shape, family, types) QMO_PY_ROW_II_(kind, shape, family, types)
+#define QMO_PY_ROW_II_(kind, shape, family, types) QMO_PY_KIND_##kind(shape, family, types)
+#define QMO_PY_KIND_SINGLE(shape, family, types) QMO_PY_SINGLE_##shape(family)
+#define QMO_PY_SINGLE_SINGLE(family)
+#define QMO_PY_SINGLE_MERGED_SINGLE(family)
+#define QMO_PY_SINGLE_HASH_SKETCH(op) add_any("hash_agg_" #op, 2, hashed(qmo_seq_hash_agg_##op, true));
+#define QMO_PY_KIND_TYPED(shape, family, types) types(QMO_PY_##shape, family)
+#define QMO_PY_KIND_PAIRED(shape, family, types) types(QMO_PY_##shape, family)
+#define QMO_PY_KIND_HASHED(shape, family, types) types(QMO_PY_##shape, family)
+
+// Readers and callbacks are not bound: Python reads whole results and has its own functions.
+#define QMO_PY_ELEMENT_READER(family, t, ctype, code)
+#define QMO_PY_BULK_READER(family, t, ctype, code)
+#define QMO_PY_NULLABLE_READER(family, t, ctype, code)
+#define QMO_PY_CALLBACK(family, t, ctype, code)
+#define QMO_PY_CALLBACK_CTX(family, t, ctype, code)
+#define QMO_PY_CALLBACK2(family, t, ctype, code)
+#define QMO_PY_CALLBACK2_CTX(family, t, ctype, code)
+#define QMO_PY_UNGET_NULLABLE(family, t, ctype, code)
+#define QMO_PY_UNGET(family, t, ctype, code)                                                             \
+    sources[code] = [](Iter *r, const void *v, uint64_t n, const uint64_t *nulls, size_t) {              \
+        const auto *values = static_cast<const ctype *>(v);                                              \
+        return nulls ? qmo_seq_##family##_nullable_##t(r, values, n, nulls) : qmo_seq_##family##_##t(r, values, n); \
     };
-    QMO_SEQ_NUMERIC_TYPES(QMO_PY_SOURCE_, )
+#define QMO_PY_CONST(family, t, ctype, code)                                                             \
+    constants[code] = [](Iter *r, const void *v, size_t) {                                               \
+        ctype x;                                                                                         \
+        std::memcpy(&x, v, sizeof x);                                                                    \
+        return qmo_seq_##family##_##t(r, x);                                                             \
+    };
+#define QMO_PY_SORT(family, t, ctype, code)                                                              \
+    sorts[code] = [](const void *v, uint64_t *perm, uint64_t n, int order) {                             \
+        qmo_seq_##family##_##t(static_cast<const ctype *>(v), perm, n, order);                           \
+    };
+#define QMO_PY_PARSE(family, t, ctype, code) parsers[code] = qmo_seq_##family##_##t;
+#define QMO_PY_CONVERSION(family, pair, uctype, ucode) QMO_PY_CONVERSION_I_(QMO_SEQ_EXPAND pair, ucode)
+#define QMO_PY_CONVERSION_I_(...) QMO_PY_CONVERSION_II_(__VA_ARGS__)
+#define QMO_PY_CONVERSION_II_(t, u, tcode, ucode)                                                        \
+    conversions[tcode][ucode] = [](Plan &, Iter *r, Iter *const *o, const Params &) {                    \
+        return qmo_seq_##t##_to_##u(r, o[0]);                                                            \
+    };
+
+#define QMO_PY_UNARY(family, t, ctype, code)                                                             \
+    add(#family, 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &) {                       \
+        return qmo_seq_##family##_##t(r, o[0]);                                                          \
+    });
+#define QMO_PY_AGGREGATE QMO_PY_UNARY
+#define QMO_PY_BINARY(family, t, ctype, code)                                                            \
+    add(#family, 2, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &) {                       \
+        return qmo_seq_##family##_##t(r, o[0], o[1]);                                                    \
+    });
+#define QMO_PY_PAIR_AGGREGATE QMO_PY_BINARY
+#define QMO_PY_GROUP QMO_PY_BINARY
+#define QMO_PY_GATHER QMO_PY_BINARY
+// (cond, x): the second operand's type chooses.
+#define QMO_PY_FILTER(family, t, ctype, code)                                                            \
+    add(#family, 2, 1, code, [](Plan &, Iter *r, Iter *const *o, const Params &) {                       \
+        return qmo_seq_##family##_##t(r, o[0], o[1]);                                                    \
+    });
+// (cond, then, else) and (weights, values, keys): the second operand's type chooses.
+#define QMO_PY_SELECT(family, t, ctype, code)                                                            \
+    add(#family, 3, 1, code, [](Plan &, Iter *r, Iter *const *o, const Params &) {                       \
+        return qmo_seq_##family##_##t(r, o[0], o[1], o[2]);                                              \
+    });
+#define QMO_PY_WEIGHTED_GROUP QMO_PY_SELECT
+// (input, one count): repetitions, top-N, grid and window aggregates.
+#define QMO_PY_COUNTED(family, t, ctype, code)                                                           \
+    add(#family, 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                      \
+        return qmo_seq_##family##_##t(r, o[0], p.at(0));                                                 \
+    });
+#define QMO_PY_COUNTED_RESET QMO_PY_COUNTED
+#define QMO_PY_TOP QMO_PY_COUNTED
+#define QMO_PY_THIN(family, t, ctype, code)                                                              \
+    add(#family, 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                      \
+        return qmo_seq_##family##_##t(r, o[0], p.at(0), p.at(1));                                        \
+    });
+// A record that holds a copy until its reset is reset with the plan.
+#define QMO_PY_UNARY_RESET(family, t, ctype, code)                                                       \
+    add(#family, 1, 0, code, [](Plan &plan, Iter *r, Iter *const *o, const Params &) {                   \
+        const int rc = qmo_seq_##family##_##t(r, o[0]);                                                  \
+        if (rc == QMO_SEQ_OK) plan.resets.emplace_back(qmo_seq_##family##_##t##_reset, r);               \
+        return rc;                                                                                       \
+    });
+#define QMO_PY_KIND(family, t, ctype, code)                                                              \
+    add(#family, 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                      \
+        return qmo_seq_##family##_##t(r, o[0], param<int32_t>(p, 0));                                    \
+    });
+#define QMO_PY_KIND_RESET QMO_PY_KIND
+#define QMO_PY_HISTOGRAM(family, t, ctype, code)                                                         \
+    add(#family, 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                      \
+        return qmo_seq_##family##_##t(r, o[0], param<ctype>(p, 0), param<ctype>(p, 1), param<int64_t>(p, 2)); \
+    });
+// (target stamps, source stamps, values): the values' type chooses; one operator per stamp type.
+#define QMO_PY_STRETCH(family, pair, ctype, code) QMO_PY_STRETCH_I_(family, QMO_SEQ_EXPAND pair, ctype, code)
+#define QMO_PY_STRETCH_I_(...) QMO_PY_STRETCH_II_(__VA_ARGS__)
+#define QMO_PY_STRETCH_II_(family, ts, t, tscode, ctype, code)                                           \
+    add(#family "_" #ts, 3, 2, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {              \
+        return qmo_seq_##family##_##ts##_##t(r, o[0], o[1], o[2], param<ctype>(p, 0));                   \
+    });
+// Hash aggregates: (values, keys), the values' type chooses; the count takes any.
+#define QMO_PY_HASH(op, t, ctype, code) add("hash_agg_" #op, 2, 0, code, hashed(qmo_seq_hash_agg_##op##_##t, true));
+#define QMO_PY_HASH_COUNT(op, t, ctype, code) add_any("hash_agg_" #op, 1, hashed(qmo_seq_hash_agg_##op##_##t, false));
+
+void stamp_tables() {
+    QMO_SEQ_FAMILIES(QMO_PY_ROW_)
     sources[QMO_SEQ_TYPE_CHAR] = [](Iter *r, const void *v, uint64_t n, const uint64_t *nulls, size_t w) {
         const auto *values = static_cast<const char *>(v);
         return nulls ? qmo_seq_unget_nullable_char(r, values, n, nulls, w) : qmo_seq_unget_char(r, values, n, w);
@@ -163,92 +257,6 @@ void stamp_tables() {
     constants[QMO_SEQ_TYPE_CHAR] = [](Iter *r, const void *v, size_t w) {
         return qmo_seq_const_char(r, static_cast<const char *>(v), w);
     };
-
-#define QMO_PY_UNARY_(op, t, ctype, code) \
-    add(#op, 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &) { return qmo_seq_##op##_##t(r, o[0]); });
-#define QMO_PY_BINARY_(op, t, ctype, code)                                                 \
-    add(#op, 2, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &) {             \
-        return qmo_seq_##op##_##t(r, o[0], o[1]);                                          \
-    });
-// (cond, x): the second operand's type chooses.
-#define QMO_PY_MASKED_(op, t, ctype, code)                                                 \
-    add(#op, 2, 1, code, [](Plan &, Iter *r, Iter *const *o, const Params &) {             \
-        return qmo_seq_##op##_##t(r, o[0], o[1]);                                          \
-    });
-#define QMO_PY_SELECT_(op, t, ctype, code)                                                 \
-    add(#op, 3, 1, code, [](Plan &, Iter *r, Iter *const *o, const Params &) {             \
-        return qmo_seq_##op##_##t(r, o[0], o[1], o[2]);                                    \
-    });
-#define QMO_PY_HASH_(op, t, ctype, code) add("hash_agg_" #op, 2, 0, code, hashed(qmo_seq_hash_agg_##op##_##t, true));
-#define QMO_PY_UNARY_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_UNARY_, op)
-#define QMO_PY_BINARY_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_BINARY_, op)
-#define QMO_PY_COMPARISON_FAMILY_(op) QMO_SEQ_ALL_TYPES(QMO_PY_BINARY_, op)
-#define QMO_PY_HASH_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_HASH_, op)
-// (input, one count): top-N, grid and window aggregates.
-#define QMO_PY_COUNTED_(op, t, ctype, code)                                                \
-    add(#op, 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {            \
-        return qmo_seq_##op##_##t(r, o[0], p.at(0));                                       \
-    });
-#define QMO_PY_COUNTED_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_COUNTED_, op)
-#define QMO_PY_GRID_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_COUNTED_, grid_agg_##op)
-#define QMO_PY_WINDOW_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_COUNTED_, window_agg_##op)
-#define QMO_PY_CUM_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_UNARY_, cum_agg_##op)
-#define QMO_PY_GROUP_FAMILY_(op) QMO_SEQ_NUMERIC_TYPES(QMO_PY_BINARY_, group_agg_##op)
-#define QMO_PY_RESHAPE_(a, t, ctype, code)                                                                  \
-    add("thin", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                          \
-        return qmo_seq_thin_##t(r, o[0], p.at(0), p.at(1));                                                 \
-    });                                                                                                      \
-    add("repeat", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                        \
-        return qmo_seq_repeat_##t(r, o[0], p.at(0));                                                        \
-    });                                                                                                      \
-    add("reverse", 1, 0, code, [](Plan &plan, Iter *r, Iter *const *o, const Params &) {                    \
-        const int rc = qmo_seq_reverse_##t(r, o[0]);                                                        \
-        if (rc == QMO_SEQ_OK) plan.resets.emplace_back(qmo_seq_reverse_##t##_reset, r);                     \
-        return rc;                                                                                           \
-    });                                                                                                      \
-    QMO_PY_UNARY_(unique, t, ctype, code)
-#define QMO_PY_ANALYTICS_(a, t, ctype, code)                                                                \
-    QMO_PY_UNARY_(diff, t, ctype, code)                                                                     \
-    QMO_PY_UNARY_(trend, t, ctype, code)                                                                    \
-    QMO_PY_UNARY_(norm, t, ctype, code)                                                                     \
-    add("cross", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                         \
-        return qmo_seq_cross_##t(r, o[0], param<int32_t>(p, 0));                                            \
-    });                                                                                                      \
-    add("extrema", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                       \
-        return qmo_seq_extrema_##t(r, o[0], param<int32_t>(p, 0));                                          \
-    });                                                                                                      \
-    add("histogram", 1, 0, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                     \
-        return qmo_seq_histogram_##t(r, o[0], param<ctype>(p, 0), param<ctype>(p, 1), param<int64_t>(p, 2)); \
-    });
-// (target stamps, source stamps, values): the values' type chooses; one operator per stamp type.
-#define QMO_PY_STRETCH_(ts, t, ctype, code) QMO_PY_STRETCH_I_(QMO_SEQ_EXPAND ts, t, ctype, code)
-#define QMO_PY_STRETCH_I_(...) QMO_PY_STRETCH_II_(__VA_ARGS__)
-#define QMO_PY_STRETCH_II_(ts, t, ctype, code)                                                              \
-    add("stretch_" #ts, 3, 2, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                  \
-        return qmo_seq_stretch_##ts##_##t(r, o[0], o[1], o[2], param<ctype>(p, 0));                         \
-    });
-#define QMO_PY_STRETCHES_OVER_(a, ts, tsctype, tscode) QMO_SEQ_NUMERIC_TYPES(QMO_PY_STRETCH_, (ts))
-
-    // Adding a family is one line here, in the shape of its constructor.
-    QMO_SEQ_ARITHMETIC_OPS(QMO_PY_BINARY_FAMILY_)
-    QMO_SEQ_COMPARISON_OPS(QMO_PY_COMPARISON_FAMILY_)
-    QMO_SEQ_SIGN_OPS(QMO_PY_UNARY_FAMILY_)
-    QMO_SEQ_AGGREGATE_OPS(QMO_PY_UNARY_FAMILY_)
-    QMO_SEQ_PAIR_AGGREGATE_OPS(QMO_PY_BINARY_FAMILY_)
-    QMO_SEQ_NUMERIC_TYPES(QMO_PY_UNARY_, agg_min_max)
-    QMO_SEQ_ALL_TYPES(QMO_PY_MASKED_, filter)
-    QMO_SEQ_ALL_TYPES(QMO_PY_SELECT_, iif)
-    QMO_SEQ_HASH_AGGREGATE_OPS(QMO_PY_HASH_FAMILY_)
-    QMO_SEQ_TOP_OPS(QMO_PY_COUNTED_FAMILY_)
-    QMO_SEQ_TOP_POS_OPS(QMO_PY_COUNTED_FAMILY_)
-    QMO_SEQ_GRID_AGGREGATE_OPS(QMO_PY_GRID_FAMILY_)
-    QMO_SEQ_WINDOW_AGGREGATE_OPS(QMO_PY_WINDOW_FAMILY_)
-    QMO_SEQ_CUM_AGGREGATE_OPS(QMO_PY_CUM_FAMILY_)
-    QMO_SEQ_GROUP_AGGREGATE_OPS(QMO_PY_GROUP_FAMILY_)
-    QMO_SEQ_NUMERIC_TYPES(QMO_PY_SELECT_, group_agg_wavg)
-    QMO_SEQ_NUMERIC_TYPES(QMO_PY_RESHAPE_, )
-    QMO_SEQ_NUMERIC_TYPES(QMO_PY_ANALYTICS_, )
-    QMO_SEQ_TIMESTAMP_TYPES(QMO_PY_STRETCHES_OVER_, )
 
     auto logic = [](int (*f)(Iter *, Iter *, Iter *)) {
         return [f](Plan &, Iter *r, Iter *const *o, const Params &) { return f(r, o[0], o[1]); };
@@ -266,7 +274,6 @@ void stamp_tables() {
     add_any("limit", 1,
             [](Plan &, Iter *r, Iter *const *o, const Params &p) { return qmo_seq_limit(r, o[0], p.at(0), p.at(1)); });
     add_any("filter_pos", 1, [](Plan &, Iter *r, Iter *const *o, const Params &) { return qmo_seq_filter_pos(r, o[0]); });
-    add_any("hash_agg_count", 1, hashed(qmo_seq_hash_agg_count_uint8, false));
     add_any("group_agg_count", 1,
             [](Plan &, Iter *r, Iter *const *o, const Params &) { return qmo_seq_group_agg_count(r, o[0]); });
     add_any("group_agg_approxdc", 2, [](Plan &, Iter *r, Iter *const *o, const Params &) {
@@ -275,19 +282,7 @@ void stamp_tables() {
     add_any("group_agg_approxdc_hash", 2, [](Plan &, Iter *r, Iter *const *o, const Params &) {
         return qmo_seq_group_agg_approxdc_hash(r, o[0], o[1]);
     });
-    add_any("hash_agg_approxdc", 2, hashed(qmo_seq_hash_agg_approxdc, true));
 
-#define QMO_PY_CONVERSION_(from, u, uctype, ucode) QMO_PY_CONVERSION_I_(QMO_SEQ_EXPAND from, u, ucode)
-#define QMO_PY_CONVERSION_I_(...) QMO_PY_CONVERSION_II_(__VA_ARGS__)
-#define QMO_PY_CONVERSION_II_(t, tcode, u, ucode)                                                  \
-    conversions[tcode][ucode] = [](Plan &, Iter *r, Iter *const *o, const Params &) {              \
-        return qmo_seq_##t##_to_##u(r, o[0]);                                                      \
-    };
-#define QMO_PY_CONVERSIONS_FROM_(a, t, ctype, code) QMO_SEQ_NUMERIC_TYPES_2(QMO_PY_CONVERSION_, (t, code))
-    QMO_SEQ_NUMERIC_TYPES(QMO_PY_CONVERSIONS_FROM_, )
-
-#define QMO_PY_PARSE_(a, t, ctype, code) parsers[code] = qmo_seq_parse_##t;
-    QMO_SEQ_ALL_TYPES(QMO_PY_PARSE_, )
 }
 
 // ---- nodes -------------------------------------------------------------------------------------
@@ -424,11 +419,31 @@ py::bytes partial(const NodePtr &node) {
     return export_partial(root);
 }
 
+// The Python name of the family that holds partial results of a code.
+#define QMO_PY_PARTIAL_NAME_(family, shape, types, partial, statuses, doc) \
+    if (code != 0 && code == int{partial}) return QMO_PY_NAME_(QMO_SEQ_MERGE_##shape, family);
+#define QMO_PY_NAME_(merge, family) QMO_PY_NAME_I_(merge, family)
+#define QMO_PY_NAME_I_(merge, family) QMO_PY_NAME_##merge(family)
+#define QMO_PY_NAME_NONE(family) #family
+#define QMO_PY_NAME_FOLD(family) #family
+#define QMO_PY_NAME_PAIR_FOLD(family) #family
+#define QMO_PY_NAME_TOP(family) #family
+#define QMO_PY_NAME_SINGLE(family) #family
+#define QMO_PY_NAME_HASH(family) "hash_agg_" #family
+#define QMO_PY_NAME_HASH_SKETCH(family) "hash_agg_" #family
 const char *family_name(int code) {
-#define QMO_PY_FAMILY_NAME_(family, NAME, c) \
-    if (code == c) return #family;
-    QMO_SEQ_PARTIAL_FAMILIES(QMO_PY_FAMILY_NAME_)
+    QMO_SEQ_FAMILIES(QMO_PY_PARTIAL_NAME_)
     return nullptr;
+}
+
+// Every row of the registry, for the package's docstrings and help.
+py::list families() {
+    py::list rows;
+#define QMO_PY_FAMILY_ROW_(family, shape, types, partial, statuses, doc)                                  \
+    rows.append(py::dict(py::arg("name") = QMO_PY_NAME_(QMO_SEQ_MERGE_##shape, family), py::arg("shape") = #shape, \
+                         py::arg("partial") = int{partial}, py::arg("statuses") = statuses, py::arg("doc") = doc));
+    QMO_SEQ_FAMILIES(QMO_PY_FAMILY_ROW_)
+    return rows;
 }
 
 // An empty sequence of a type (families for any type read int4). Not an array
@@ -545,4 +560,12 @@ PYBIND11_MODULE(_core, m) {
     m.def("merge", &merge_partials);
     m.def("result", &result_of);
     m.def("argsort", &argsort);
+    m.def("families", &families);
+    py::dict statuses, types;
+#define QMO_PY_STATUS_(NAME, code, text) statuses[py::int_(code)] = py::make_tuple(#NAME, text);
+    QMO_SEQ_STATUS_CODES(QMO_PY_STATUS_)
+#define QMO_PY_TYPE_(NAME, code, text) types[#NAME] = py::int_(code);
+    QMO_SEQ_TYPE_CODES(QMO_PY_TYPE_)
+    m.attr("statuses") = statuses;
+    m.attr("types") = types;
 }

@@ -24,9 +24,9 @@ using Iter = qmo_seq_iterator_t;
 using Unary = int (*)(Iter *, Iter *);
 using Binary = int (*)(Iter *, Iter *, Iter *);
 
-// One tag per numeric suffix (datetime and uint8 share a C type, so tags tell them apart).
+// One tag per suffix (datetime and uint8 share a C type, so tags tell them apart).
 #define TEST_TAG_(a, t, ctype, code) struct t_##t { using type = ctype; static constexpr int code_ = code; };
-QMO_SEQ_NUMERIC_TYPES(TEST_TAG_, )
+QMO_SEQ_ALL_TYPES(TEST_TAG_, )
 #undef TEST_TAG_
 
 template <class Tag>
@@ -36,33 +36,53 @@ constexpr bool is_float_v = std::is_floating_point_v<V<Tag>>;
 template <class Tag>
 constexpr bool is_signed_v = std::is_signed_v<V<Tag>> && !is_float_v<Tag>;
 
-// fn::<family><Tag>: the family's exported function for the tag's type.
+// fn::<family><Tag>: the family's exported function for the tag's type, for
+// every row of the registry with typed members (hash aggregates as
+// fn::hash_agg_<op>, time-stamped families as fn::<family><TsTag, Tag>).
+// if and const are C++ keywords and get no entry.
 namespace fn {
-#define TEST_FN_(op, t, ctype, code) template <> inline constexpr auto op<t_##t> = qmo_seq_##op##_##t;
-#define TEST_FAMILY_(op)                \
-    template <class Tag>                \
-    inline constexpr auto op = nullptr; \
-    QMO_SEQ_NUMERIC_TYPES(TEST_FN_, op)
-QMO_SEQ_ARITHMETIC_OPS(TEST_FAMILY_) QMO_SEQ_COMPARISON_OPS(TEST_FAMILY_) QMO_SEQ_SIGN_OPS(TEST_FAMILY_)
-QMO_SEQ_AGGREGATE_OPS(TEST_FAMILY_) QMO_SEQ_PAIR_AGGREGATE_OPS(TEST_FAMILY_) TEST_FAMILY_(agg_min_max)
-TEST_FAMILY_(hash_agg_max) TEST_FAMILY_(hash_agg_min) TEST_FAMILY_(hash_agg_sum) TEST_FAMILY_(hash_agg_avg)
-#define TEST_GROUP_FAMILY_(op) TEST_FAMILY_(group_agg_##op)
-QMO_SEQ_GROUP_AGGREGATE_OPS(TEST_GROUP_FAMILY_) TEST_GROUP_FAMILY_(wavg)
-#undef TEST_GROUP_FAMILY_
-TEST_FAMILY_(get) TEST_FAMILY_(get_nullable) TEST_FAMILY_(unget_nullable) TEST_FAMILY_(sort) TEST_FAMILY_(order_by)
-#define TEST_GRID_(op) TEST_FAMILY_(grid_agg_##op)
-#define TEST_WINDOW_(op) TEST_FAMILY_(window_agg_##op)
-#define TEST_CUM_(op) TEST_FAMILY_(cum_agg_##op)
-QMO_SEQ_GRID_AGGREGATE_OPS(TEST_GRID_) QMO_SEQ_WINDOW_AGGREGATE_OPS(TEST_WINDOW_) QMO_SEQ_CUM_AGGREGATE_OPS(TEST_CUM_)
-#undef TEST_GRID_
-#undef TEST_WINDOW_
-#undef TEST_CUM_
-TEST_FAMILY_(top_max) TEST_FAMILY_(top_min) TEST_FAMILY_(top_pos_max) TEST_FAMILY_(top_pos_min)
-TEST_FAMILY_(diff) TEST_FAMILY_(trend) TEST_FAMILY_(cross) TEST_FAMILY_(extrema) TEST_FAMILY_(norm) TEST_FAMILY_(histogram)
-TEST_FAMILY_(thin) TEST_FAMILY_(repeat) TEST_FAMILY_(reverse) TEST_FAMILY_(unique) TEST_FAMILY_(unget)
-TEST_FAMILY_(parse)
-#undef TEST_FAMILY_
-#undef TEST_FN_
+#define TEST_SECOND_(a, b, ...) b
+#define TEST_SECOND_I_(...) TEST_SECOND_(__VA_ARGS__)
+#define TEST_KEYWORD_if ~, 1
+#define TEST_KEYWORD_const ~, 1
+#define TEST_IS_KEYWORD_(family) TEST_SECOND_I_(TEST_KEYWORD_##family, 0, ~)
+
+#define TEST_FN_(family, t, ctype, code) template <> inline constexpr auto family<t_##t> = qmo_seq_##family##_##t;
+#define TEST_TABLE_(family, types)                                                                           \
+    template <class Tag>                                                                                     \
+    inline constexpr auto family = nullptr;                                                                  \
+    types(TEST_FN_, family)
+#define TEST_HASH_FN_(op, t, ctype, code) \
+    template <> inline constexpr auto hash_agg_##op<t_##t> = qmo_seq_hash_agg_##op##_##t;
+#define TEST_PAIR_FN_(family, pair, ctype, code) TEST_PAIR_FN_I_(family, QMO_SEQ_EXPAND pair)
+#define TEST_PAIR_FN_I_(...) TEST_PAIR_FN_II_(__VA_ARGS__)
+#define TEST_PAIR_FN_II_(family, first, t, fcode) \
+    template <> inline constexpr auto family<t_##first, t_##t> = qmo_seq_##family##_##first##_##t;
+
+#define TEST_ROW_(family, shape, types, partial, statuses, doc) TEST_ROW_I_(QMO_SEQ_KIND_##shape, shape, family, types)
+#define TEST_ROW_I_(kind, shape, family, types) TEST_ROW_II_(kind, shape, family, types)
+#define TEST_ROW_II_(kind, shape, family, types) TEST_KIND_##kind(shape, family, types)
+#define TEST_KIND_SINGLE(shape, family, types)
+#define TEST_KIND_TYPED(shape, family, types) TEST_TYPED_I_(TEST_IS_KEYWORD_(family), family, types)
+#define TEST_TYPED_I_(keyword, family, types) TEST_TYPED_II_(keyword, family, types)
+#define TEST_TYPED_II_(keyword, family, types) TEST_TYPED_##keyword(family, types)
+#define TEST_TYPED_0(family, types) TEST_TABLE_(family, types)
+#define TEST_TYPED_1(family, types)
+#define TEST_KIND_HASHED(shape, family, types) \
+    template <class Tag>                        \
+    inline constexpr auto hash_agg_##family = nullptr; \
+    types(TEST_HASH_FN_, family)
+// Pairs: conversions are named qmo_seq_<t>_to_<u> and are tested by name.
+#define TEST_KIND_PAIRED(shape, family, types) TEST_PAIRED_##shape(family, types)
+#define TEST_PAIRED_CONVERSION(family, types)
+#define TEST_PAIRED_STRETCH(family, types)               \
+    template <class TsTag, class Tag>                     \
+    inline constexpr auto family = nullptr;               \
+    types(TEST_PAIR_FN_, family)
+
+QMO_SEQ_FAMILIES(TEST_ROW_)
+// The sort family's ordering iterators.
+TEST_TABLE_(order_by, QMO_SEQ_NUMERIC_TYPES)
 }  // namespace fn
 
 // The eleven numeric tags as gtest types (a dummy first entry eats the comma).
@@ -293,17 +313,6 @@ struct Pair {
     using tag = Tag;
 };
 
-namespace fn {
-template <class TsTag, class Tag>
-inline constexpr auto stretch = nullptr;
-#define TEST_STRETCH_FN_(ts, t, ctype, code) \
-    template <>                              \
-    inline constexpr auto stretch<t_##ts, t_##t> = qmo_seq_stretch_##ts##_##t;
-#define TEST_STRETCH_OVER_(a, ts, tsctype, tscode) QMO_SEQ_NUMERIC_TYPES(TEST_STRETCH_FN_, ts)
-QMO_SEQ_TIMESTAMP_TYPES(TEST_STRETCH_OVER_, )
-#undef TEST_STRETCH_OVER_
-#undef TEST_STRETCH_FN_
-}  // namespace fn
 
 // Every time-stamp type with every numeric value type (33 pairs).
 #define TEST_PAIR_(ts, t, ctype, code) , Pair<t_##ts, t_##t>

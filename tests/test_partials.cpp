@@ -100,17 +100,28 @@ struct Partials : ::testing::Test {};
 TYPED_TEST_SUITE(Partials, NumericTypes);
 
 TYPED_TEST(Partials, ScalarAggregatesMergeThroughBytesAsInProcess) {
-#define TEST_ONE_(op) fn::op<TypeParam>,
-    for (Unary make : {QMO_SEQ_AGGREGATE_OPS(TEST_ONE_)})
+// Every mergeable fold of the registry.
+#define TEST_ONE_(family, shape, types, partial, statuses, doc) TEST_ONE_##shape(family)
+#define TEST_ONE_AGGREGATE(family) fn::family<TypeParam>,
+#define TEST_ONE_PAIR_AGGREGATE(family) fn::family<TypeParam>,
+#define TEST_ONE_UNARY(family)
+#define TEST_ONE_SINGLE(family)
+#define TEST_ONE_MERGED_SINGLE(family)
+    for (Unary make : {QMO_SEQ_SCALAR_FAMILIES(TEST_ONE_)})
         for (size_t parts : {1, 2, 5})
             expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
                 ASSERT_EQ(make(&p.agg, column<TypeParam>(p, i, k)), 0);
             }, parts);
-    for (Binary make : {QMO_SEQ_PAIR_AGGREGATE_OPS(TEST_ONE_)})
+    for (Binary make : {QMO_SEQ_PAIR_FAMILIES(TEST_ONE_)})
         expect_bytes_merge_like_records([&](Part &p, size_t i, size_t k) {
             ASSERT_EQ(make(&p.agg, column<TypeParam>(p, i, k), column<TypeParam>(p, i, k, 2)), 0);
         }, 4);
 #undef TEST_ONE_
+#undef TEST_ONE_AGGREGATE
+#undef TEST_ONE_PAIR_AGGREGATE
+#undef TEST_ONE_UNARY
+#undef TEST_ONE_SINGLE
+#undef TEST_ONE_MERGED_SINGLE
     using Top = int (*)(Iter *, Iter *, uint64_t);
     for (Top make : {fn::top_max<TypeParam>, fn::top_min<TypeParam>})
         for (uint64_t n : {1, 10, 128})

@@ -21,8 +21,8 @@ __all__ = ["Error", "Expr", "array", "parse", "where", "merge", "result"]
 class Error(Exception):
     """A status of the library; ``status`` holds its code (61, 62, 52, ...)."""
 
-    NAMES = {52: "no memory", 57: "unsupported", 61: "type mismatch", 62: "invalid argument",
-             701: "already bound", 702: "length mismatch", 703: "null value"}
+    # Names and texts come from the library's own table of status codes.
+    NAMES = {code: text for code, (name, text) in _core.statuses.items()}
 
     def __init__(self, status):
         super().__init__(f"{self.NAMES.get(status, 'status')} ({status})")
@@ -31,10 +31,13 @@ class Error(Exception):
 
 _core._set_error(Error)
 
-CHAR = 13
-_CODES = {np.dtype(k): v for k, v in [("u1", 0), ("u2", 1), ("u4", 2), ("u8", 3), ("i1", 4), ("i2", 5),
-                                      ("i4", 6), ("i8", 7), ("f4", 8), ("f8", 9), ("M8[ns]", 12)]}
+CHAR = _core.types["CHAR"]
+_CODES = {np.dtype(k): _core.types[name] for k, name in [
+    ("u1", "UINT1"), ("u2", "UINT2"), ("u4", "UINT4"), ("u8", "UINT8"), ("i1", "INT1"), ("i2", "INT2"),
+    ("i4", "INT4"), ("i8", "INT8"), ("f4", "FLOAT"), ("f8", "DOUBLE"), ("M8[ns]", "DATETIME")]}
 _DTYPES = {v: k for k, v in _CODES.items()}
+# One line of description per library family, from the library's registry.
+_FAMILIES = {row["name"]: row for row in _core.families()}
 
 
 def _code_of(dtype):
@@ -282,7 +285,14 @@ class Expr:
         """Any other family of this build, by its name in the library: x.agg_min_max()."""
         if not _core.has_op(name):
             raise AttributeError(name)
-        return lambda *operands, params=(): self._op(name, *operands, params=params)
+
+        def call(*operands, params=()):
+            return self._op(name, *operands, params=params)
+        row = _FAMILIES.get(name)
+        call.__name__ = name
+        if row:
+            call.__doc__ = f"{row['doc']} (library family {name}; statuses {row['statuses']})"
+        return call
 
     # ---- results ----------------------------------------------------------------
     def evaluate(self):

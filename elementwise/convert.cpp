@@ -1,4 +1,5 @@
-// Conversion between every ordered pair of numeric element types.
+// Conversion between every ordered pair of numeric element types: an
+// element-wise unary operator, so it lives beside the element-wise kernels.
 #include "elementwise/kernels.hpp"
 #include "frame/numeric.hpp"
 
@@ -35,10 +36,10 @@ struct convert {
 }  // namespace
 }  // namespace qmo
 
-// One ordered pair: `from` is the parenthesised (suffix, code) of the source.
-#define QMO_DEFINE_CONVERSION_(from, u, uctype, ucode) QMO_DEFINE_CONVERSION_I_(QMO_SEQ_EXPAND from, u, ucode)
-#define QMO_DEFINE_CONVERSION_I_(...) QMO_DEFINE_CONVERSION_II_(__VA_ARGS__)
-#define QMO_DEFINE_CONVERSION_II_(t, code, u, ucode)                                                 \
+// One ordered pair: `pair` is the parenthesised (from, to, from code).
+#define QMO_STAMP_CONVERSION(family, pair, uctype, ucode) QMO_STAMP_CONVERSION_I_(QMO_SEQ_EXPAND pair, ucode)
+#define QMO_STAMP_CONVERSION_I_(...) QMO_STAMP_CONVERSION_II_(__VA_ARGS__)
+#define QMO_STAMP_CONVERSION_II_(t, u, code, ucode)                                                  \
     QMO_EXPORT int qmo_seq_##t##_to_##u##_next(qmo_seq_iterator_t *it) {                             \
         return qmo::unary_entry<qmo::convert<qmo::Elem<code>, qmo::Elem<ucode>>>(it);               \
     }                                                                                                \
@@ -49,6 +50,4 @@ struct convert {
     QMO_EXPORT int qmo_seq_##u##_from_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *input) {   \
         return qmo_seq_##t##_to_##u(result, input);                                                  \
     }
-#define QMO_DEFINE_CONVERSIONS_FROM_(list_arg, t, ctype, code) \
-    QMO_SEQ_NUMERIC_TYPES_2(QMO_DEFINE_CONVERSION_, (t, code))
-QMO_SEQ_NUMERIC_TYPES(QMO_DEFINE_CONVERSIONS_FROM_, )
+QMO_SEQ_CONVERSION_FAMILIES(QMO_STAMP_FAMILY)
