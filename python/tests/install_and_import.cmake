@@ -20,7 +20,7 @@ if(WAY STREQUAL "cmake")
     run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${venv})
 else()
     run(${clean} QMO_SEQ_BUILD_DIR=${BUILD_DIR} PIP_NO_INDEX=1
-        ${venv}/bin/python -m pip install --no-build-isolation --no-deps ${SOURCE})
+        ${venv}/bin/python -m pip install --no-build-isolation --no-deps --no-cache-dir ${SOURCE})
 endif()
 run(${clean} ${venv}/bin/python -c "import numpy as np, qmo_seq as q
 x = q.array(np.arange(10, dtype=np.int32))
