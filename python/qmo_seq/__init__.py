@@ -111,6 +111,8 @@ class Expr:
 
     def _pair(self, other):
         """Both sides as sequences of one type, promoted as numpy promotes (a scalar by its value)."""
+        if not isinstance(other, Expr) and (np.ndim(other) > 0 or _is_pandas(other)):
+            other = array(other)  # a column, not a constant of its first element
         if not isinstance(other, Expr):
             common = np.result_type(self.dtype, other)
             left = self if common == self.dtype else self.astype(common)
@@ -234,9 +236,9 @@ class Expr:
         """Weighted mean of values with this sequence as the weights."""
         return self._binary("wavg", values)
 
-    def group_by(self, keys: Expr, buckets: int = 0) -> GroupBy:
+    def group_by(self, keys: Union[Expr, Column], buckets: int = 0) -> GroupBy:
         """Aggregates of this sequence per distinct key (buckets: the table's initial size, 0 default)."""
-        return GroupBy(self, keys, buckets)
+        return GroupBy(self, keys if isinstance(keys, Expr) else array(keys), buckets)
 
     def top(self, n: int, largest: bool = True) -> Expr:
         """The n largest (or smallest) elements, best first; mergeable."""
@@ -269,9 +271,9 @@ class Expr:
         """
         return self._op("cum_agg_" + op)
 
-    def group_runs(self, keys: Expr) -> RunGroupBy:
+    def group_runs(self, keys: Union[Expr, Column]) -> RunGroupBy:
         """Aggregates per run of equal consecutive keys (sorted keys: per key)."""
-        return RunGroupBy(self, keys)
+        return RunGroupBy(self, keys if isinstance(keys, Expr) else array(keys))
 
     # ---- reshaping and analytics ------------------------------------------------
     def thin(self, step: int, origin: int = 0) -> Expr:

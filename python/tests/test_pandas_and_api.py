@@ -31,6 +31,17 @@ def test_numpy_backed_series_and_indexes_round_trip_in_their_dtype(dtype):
         pd.testing.assert_series_equal(back, pd.Series(column.to_numpy()))  # pandas 1 widens an Index
 
 
+def test_a_series_or_array_operand_is_read_as_a_column():
+    a = np.arange(300, dtype=np.int32)
+    s = pd.Series(a * 10, dtype="Int64")
+    s[5] = pd.NA
+    got = (q.array(a) + s).to_pandas()
+    pd.testing.assert_series_equal(got, a + s)
+    np.testing.assert_array_equal(q.where(q.array(a) > 100, a * 2, q.array(a)).evaluate(), np.where(a > 100, a * 2, a))
+    with pytest.raises(TypeError):
+        q.array(a) + [1, 2]
+
+
 def test_float_nan_stays_a_value_as_in_numpy():
     s = pd.Series([1.0, np.nan, 2.0])
     assert not np.ma.isMaskedArray(q.array(s).evaluate())
@@ -69,6 +80,7 @@ def test_group_by_comes_back_as_a_series_indexed_by_key():
     vals[vals % 4 == 3] = pd.NA                     # key 2 has only nulls
     sums = q.array(vals).group_by(q.array(keys)).sum().to_pandas().sort_index()
     pd.testing.assert_series_equal(sums, vals.groupby(keys).sum(min_count=1).astype("Int64"), check_names=False)
+    pd.testing.assert_series_equal(q.array(vals).group_by(keys).sum().to_pandas().sort_index(), sums)  # keys as a Series
     names = q.array(np.array([b"x", b"y", b"x"], "S1"))
     counts = names.group_by(names).count().to_pandas()
     assert counts.to_dict() == {b"x": 2, b"y": 1}
