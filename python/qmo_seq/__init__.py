@@ -2,20 +2,33 @@
 
     import numpy as np, qmo_seq as q
     x = q.array(np.arange(10, dtype=np.int32))
-    ((x * 2)[x > 3]).sum().item()            # 84
+    ((x * 2)[x > 3]).sum().item()            # 78
 
 Arrays go in without a copy (the expression keeps them alive); nulls come
-from a boolean mask or a numpy.ma array. Results come back as numpy arrays,
-masked where null. Aggregates also give their partial result as bytes
-(``partial()``); ``merge`` and ``result`` combine such bytes from any number
-of partitions, in this process or another.
+from a boolean mask or a numpy.ma array. pandas Series and Index go in too,
+nullable dtypes and NaT as nulls. Results come back as numpy arrays, masked
+where null, or with ``to_pandas()`` as a Series. Aggregates also give their
+partial result as bytes (``partial()``); ``merge`` and ``result`` combine such
+bytes from any number of partitions, in this process or another.
 """
+
+from __future__ import annotations
+
+from typing import TYPE_CHECKING, Any, Callable, Iterable, Optional, Tuple, Union
 
 import numpy as np
 
 from . import _core
 
-__all__ = ["Error", "Expr", "array", "parse", "where", "merge", "result"]
+if TYPE_CHECKING:
+    import pandas as pd
+
+__all__ = ["Error", "Expr", "GroupBy", "RunGroupBy", "array", "parse", "where", "merge", "result", "to_pandas"]
+
+#: What ``evaluate`` gives: one array, or (keys, aggregates) of a group-by.
+Output = Union[np.ndarray, Tuple[np.ndarray, np.ndarray]]
+#: What ``array`` reads: a one-dimensional numpy array, a pandas Series or Index.
+Column = Union[np.ndarray, "pd.Series", "pd.Index"]
 
 
 class Error(Exception):
@@ -24,7 +37,7 @@ class Error(Exception):
     # Names and texts come from the library's own table of status codes.
     NAMES = {code: text for code, (name, text) in _core.statuses.items()}
 
-    def __init__(self, status):
+    def __init__(self, status: int) -> None:
         super().__init__(f"{self.NAMES.get(status, 'status')} ({status})")
         self.status = status
 
@@ -77,16 +90,22 @@ def _output(pulled, boolean=False):
 
 
 class Expr:
-    """A sequence: an array, a constant, or an operator over sequences."""
+    """A sequence: an array, a constant, or an operator over sequences.
 
-    __slots__ = ("node", "boolean")
+    Nothing is evaluated until ``evaluate()``, ``to_pandas()``, ``item()`` or
+    ``partial()``; each of them evaluates the whole tree again.
+    """
 
-    def __init__(self, node, boolean=False):
+    __slots__ = {"node": "The library's operator tree this expression evaluates.",
+                 "boolean": "Whether the elements are booleans (uint1 values read as bool)."}
+
+    def __init__(self, node: Any, boolean: bool = False) -> None:
         self.node = node
         self.boolean = boolean
 
     @property
-    def dtype(self):
+    def dtype(self) -> np.dtype:
+        """The numpy dtype of the elements."""
         return _dtype_of(self.node.type, self.node.width, self.boolean)
 
     # ---- building ---------------------------------------------------------------
@@ -95,6 +114,8 @@ class Expr:
 
     def _pair(self, other):
         """Both sides as sequences of one type, promoted as numpy promotes (a scalar by its value)."""
+        if not isinstance(other, Expr) and (np.ndim(other) > 0 or _is_pandas(other)):
+            other = array(other)  # a column, not a constant of its first element
         if not isinstance(other, Expr):
             common = np.result_type(self.dtype, other)
             left = self if common == self.dtype else self.astype(common)
@@ -111,7 +132,8 @@ class Expr:
             left, right = right, left
         return left._op(name, right, boolean=boolean)
 
-    def astype(self, dtype):
+    def astype(self, dtype: Any) -> Expr:
+        """The elements converted to dtype (numeric, bool or datetime64[ns])."""
         code = _code_of(dtype)
         if code == self.node.type:
             return Expr(self.node, np.dtype(dtype) == np.bool_)
@@ -140,148 +162,180 @@ class Expr:
     __abs__ = lambda self: self._op("abs")
     __hash__ = None
 
-    def where(self, cond, other):
+    def where(self, cond: Expr, other: Union[Expr, Any]) -> Expr:
         """This sequence where cond holds, else other (positionally)."""
         return where(cond, self, other)
 
-    def filter(self, cond):
+    def filter(self, cond: Expr) -> Expr:
         """The elements whose condition holds."""
         return cond._op("filter", self, boolean=self.boolean)
 
-    def __getitem__(self, cond):
+    def __getitem__(self, cond: Expr) -> Expr:
         if not isinstance(cond, Expr):
             raise TypeError("index with a condition expression")
         return self.filter(cond)
 
-    def nonzero(self):
+    def nonzero(self) -> Expr:
         """Positions (uint64) of the true elements of a condition."""
         return self._op("filter_pos")
 
-    def first_positions(self, n):
+    def first_positions(self, n: int) -> Expr:
         """The first n (at most 128) positions whose condition holds; mergeable."""
         return self._op("filter_first_pos", params=[n])
 
     # ---- aggregates -------------------------------------------------------------
-    def sum(self):
+    def sum(self) -> Expr:
+        """The sum of the non-null elements (integers in 64 bits); mergeable."""
         return self._op("agg_sum")
 
-    def prod(self):
+    def prod(self) -> Expr:
+        """The product of the non-null elements; mergeable."""
         return self._op("agg_prd")
 
-    def min(self):
+    def min(self) -> Expr:
+        """The smallest non-null element; mergeable."""
         return self._op("agg_min")
 
-    def max(self):
+    def max(self) -> Expr:
+        """The largest non-null element; mergeable."""
         return self._op("agg_max")
 
-    def mean(self):
+    def mean(self) -> Expr:
+        """The mean of the non-null elements; mergeable."""
         return self._op("agg_avg")
 
-    def var(self, ddof=0):
-        """ddof=1 divides by n - 1 in both places: (s2 - s1^2/(n-1)) / (n-1)."""
+    def var(self, ddof: int = 0) -> Expr:
+        """The variance; ddof=1 divides by n - 1 in both places: (s2 - s1^2/(n-1)) / (n-1)."""
         return self._op("agg_var_samp" if ddof else "agg_var")
 
-    def std(self, ddof=0):
+    def std(self, ddof: int = 0) -> Expr:
+        """The root of ``var(ddof)``; mergeable."""
         return self._op("agg_dev_samp" if ddof else "agg_dev")
 
-    def count(self, nulls=True):
+    def count(self, nulls: bool = True) -> Expr:
+        """The number of elements, or of non-null ones with nulls=False; mergeable."""
         # Over an array source itself the library answers from its length and
         # cannot merge; through a range of every position the count is mergeable.
         every = self._op("limit", params=[0, 2**64 - 1], boolean=self.boolean)
         return every._op("agg_count" if nulls else "agg_count_not_null")
 
-    def approx_distinct(self):
+    def approx_distinct(self) -> Expr:
+        """An estimate of the number of distinct non-null elements; mergeable."""
         return self._op("agg_approxdc")
 
-    def cov(self, other):
+    def cov(self, other: Expr) -> Expr:
+        """The covariance of the pairs (this, other); mergeable."""
         return self._binary("cov", other)
 
-    def corr(self, other):
+    def corr(self, other: Expr) -> Expr:
+        """The correlation of the pairs (this, other); mergeable."""
         return self._binary("corr", other)
 
-    def wsum(self, values):
+    def wsum(self, values: Expr) -> Expr:
+        """Sum of values weighted by this sequence; mergeable."""
         return self._binary("wsum", values)
 
-    def wavg(self, values):
+    def wavg(self, values: Expr) -> Expr:
         """Weighted mean of values with this sequence as the weights."""
         return self._binary("wavg", values)
 
-    def group_by(self, keys, buckets=0):
-        return GroupBy(self, keys, buckets)
+    def group_by(self, keys: Union[Expr, Column], buckets: int = 0) -> GroupBy:
+        """Aggregates of this sequence per distinct key (buckets: the table's initial size, 0 default)."""
+        return GroupBy(self, keys if isinstance(keys, Expr) else array(keys), buckets)
 
-    def top(self, n, largest=True):
+    def top(self, n: int, largest: bool = True) -> Expr:
+        """The n largest (or smallest) elements, best first; mergeable."""
         return self._op("top_max" if largest else "top_min", params=[n])
 
-    def window(self, op, n):
-        """Moving aggregate over the last n elements (op: sum, avg, min, max, var, ..., ema, atr)."""
+    def window(self, op: str, n: int) -> Expr:
+        """Moving aggregate: for every element, op over the last n elements.
+
+        op: sum, avg, min, max, var, var_samp, dev, dev_samp, ema or atr.
+        n: the window's length in elements, 1 up to 208 / itemsize (208 for
+        1-byte elements, 104, 52, 26 for 8-byte ones); otherwise Error 62.
+        The window starts as n zeros, so the first n - 1 results count zeros
+        for the missing elements (avg divides by n from the start). ema
+        weighs the newest element by 2 / (n + 1); atr averages over
+        min(n, elements so far). A null element raises Error 703.
+        """
         return self._op("window_agg_" + op, params=[n])
 
-    def grid(self, op, n):
-        """One aggregate per n consecutive elements."""
+    def grid(self, op: str, n: int) -> Expr:
+        """One aggregate per n consecutive elements, nulls skipped; the last group may be shorter.
+
+        op: sum, avg, min, max, var, var_samp, dev or dev_samp.
+        """
         return self._op("grid_agg_" + op, params=[n])
 
-    def cumulative(self, op):
-        """Running aggregate up to each element."""
+    def cumulative(self, op: str) -> Expr:
+        """Running aggregate up to each element.
+
+        op: sum, avg, prd, min, max, var, var_samp, dev or dev_samp.
+        """
         return self._op("cum_agg_" + op)
 
-    def group_runs(self, keys):
+    def group_runs(self, keys: Union[Expr, Column]) -> RunGroupBy:
         """Aggregates per run of equal consecutive keys (sorted keys: per key)."""
-        return RunGroupBy(self, keys)
+        return RunGroupBy(self, keys if isinstance(keys, Expr) else array(keys))
 
     # ---- reshaping and analytics ------------------------------------------------
-    def thin(self, step, origin=0):
+    def thin(self, step: int, origin: int = 0) -> Expr:
         """Elements origin, origin + step, ..."""
         return self._op("thin", params=[origin, step])
 
-    def repeat(self, n):
+    def repeat(self, n: int) -> Expr:
+        """Every element n times."""
         return self._op("repeat", params=[n])
 
-    def reverse(self):
+    def reverse(self) -> Expr:
+        """The elements in reverse order."""
         return self._op("reverse")
 
-    def unique(self):
+    def unique(self) -> Expr:
         """Runs of equal consecutive elements collapsed to their first; nulls dropped."""
         return self._op("unique")
 
-    def diff(self):
+    def diff(self) -> Expr:
+        """Each element minus the one before it."""
         return self._op("diff")
 
-    def trend(self):
+    def trend(self) -> Expr:
         """-1, 0 or 1: the sign of each change from the previous element."""
         return self._op("trend")
 
-    def norm(self):
+    def norm(self) -> Expr:
+        """The elements scaled to unit length."""
         return self._op("norm")
 
-    def cross(self, kind=0):
+    def cross(self, kind: int = 0) -> Expr:
         """Positions where the sign changes (kind 1: upwards, -1: downwards, 0: both)."""
         return self._op("cross", params=[_bits(kind, "i4")])
 
-    def extrema(self, kind=0):
+    def extrema(self, kind: int = 0) -> Expr:
         """Positions of local maxima (1), minima (-1) or both (0)."""
         return self._op("extrema", params=[_bits(kind, "i4")])
 
-    def histogram(self, low, high, bins):
+    def histogram(self, low: Any, high: Any, bins: int) -> Expr:
         """Counts of bins equal bins over [low, high)."""
         return self._op("histogram", params=[_bits(low, self.dtype), _bits(high, self.dtype), _bits(bins, "i8")])
 
-    def stretch(self, stamps, onto, filler=0):
+    def stretch(self, stamps: Expr, onto: Expr, filler: Any = 0) -> Expr:
         """This sequence, stamped by stamps, carried onto the stamps onto (filler before the first)."""
         kind = _STAMPS.get(stamps.node.type)
         if kind is None or onto.node.type != stamps.node.type:
             raise TypeError("stretch takes stamps of one type: uint32, uint64 or datetime64[ns]")
         return Expr(_core.op("stretch_" + kind, [onto.node, stamps.node, self.node], [_bits(filler, self.dtype)]))
 
-    def match(self, pattern):
+    def match(self, pattern: Union[str, bytes]) -> Expr:
         """Whether each char element matches a pattern (% any run, _ any one, backslash escapes)."""
         return Expr(_core.match(self.node, pattern), True)
 
-    def argsort(self, descending=False):
+    def argsort(self, descending: bool = False) -> np.ndarray:
         """The permutation (uint64) that orders the evaluated values."""
         values = np.ma.getdata(self.evaluate())
         return _core.argsort(values, self.node.type, descending)
 
-    def __getattr__(self, name):
+    def __getattr__(self, name: str) -> Callable[..., Expr]:
         """Any other family of this build, by its name in the library: x.agg_min_max()."""
         if not _core.has_op(name):
             raise AttributeError(name)
@@ -295,23 +349,27 @@ class Expr:
         return call
 
     # ---- results ----------------------------------------------------------------
-    def evaluate(self):
-        """A numpy array, masked where null (plain when nothing is null)."""
+    def evaluate(self) -> Output:
+        """A numpy array, masked where null (plain when nothing is null); a group-by gives (keys, aggregates)."""
         return _output(_core.evaluate(self.node), self.boolean)
 
     to_numpy = evaluate
 
+    def to_pandas(self) -> pd.Series:
+        """The result as a pandas Series (see ``qmo_seq.to_pandas``)."""
+        return to_pandas(self.evaluate())
+
     def __array__(self, dtype=None):
         return np.asarray(self.evaluate(), dtype=dtype)
 
-    def item(self):
+    def item(self) -> Any:
         """The single element of an aggregate, or None when it delivered none or a null."""
         values = self.evaluate()
         if len(values) == 0 or np.ma.is_masked(values):
             return None
         return values[0].item() if len(values) == 1 else values.tolist()
 
-    def partial(self):
+    def partial(self) -> bytes:
         """This aggregate's partial result over its inputs, as bytes."""
         return _core.partial(self.node)
 
@@ -320,31 +378,36 @@ class Expr:
 
 
 class GroupBy:
-    """Aggregates per distinct key; evaluate() gives (keys, aggregates)."""
+    """Aggregates per distinct key; evaluate() gives (keys, aggregates), to_pandas() a Series indexed by key."""
 
-    def __init__(self, values, keys, buckets=0):
+    def __init__(self, values: Expr, keys: Expr, buckets: int = 0) -> None:
         self.values, self.keys, self.buckets = values, keys, buckets
 
     def _agg(self, op, with_values=True):
         operands = [self.values.node, self.keys.node] if with_values else [self.keys.node]
         return Expr(_core.op("hash_agg_" + op, operands, [self.buckets]))
 
-    def sum(self):
+    def sum(self) -> Expr:
+        """The sum per key; mergeable."""
         return self._agg("sum")
 
-    def min(self):
+    def min(self) -> Expr:
+        """The smallest value per key; mergeable."""
         return self._agg("min")
 
-    def max(self):
+    def max(self) -> Expr:
+        """The largest value per key; mergeable."""
         return self._agg("max")
 
-    def mean(self):
+    def mean(self) -> Expr:
+        """The mean per key; mergeable."""
         return self._agg("avg")
 
-    def approx_distinct(self):
+    def approx_distinct(self) -> Expr:
+        """An estimate of the distinct values per key; mergeable."""
         return self._agg("approxdc")
 
-    def count(self):
+    def count(self) -> Expr:
         """Occurrences of each key."""
         return self._agg("count", with_values=False)
 
@@ -352,49 +415,85 @@ class GroupBy:
 class RunGroupBy:
     """Aggregates per run of equal consecutive keys, in order of the runs."""
 
-    def __init__(self, values, keys):
+    def __init__(self, values: Expr, keys: Expr) -> None:
         self.values, self.keys = values, keys
 
     def _agg(self, op):
         return Expr(_core.op("group_agg_" + op, [self.values.node, self.keys.node]))
 
-    sum = lambda self: self._agg("sum")
-    mean = lambda self: self._agg("avg")
-    min = lambda self: self._agg("min")
-    max = lambda self: self._agg("max")
-    first = lambda self: self._agg("first")
-    last = lambda self: self._agg("last")
-    var = lambda self, ddof=0: self._agg("var_samp" if ddof else "var")
-    std = lambda self, ddof=0: self._agg("dev_samp" if ddof else "dev")
-    approx_distinct = lambda self: self._agg("approxdc")
+    def sum(self) -> Expr:
+        """The sum per run."""
+        return self._agg("sum")
 
-    def count(self):
+    def mean(self) -> Expr:
+        """The mean per run."""
+        return self._agg("avg")
+
+    def min(self) -> Expr:
+        """The smallest value per run."""
+        return self._agg("min")
+
+    def max(self) -> Expr:
+        """The largest value per run."""
+        return self._agg("max")
+
+    def first(self) -> Expr:
+        """The first value of each run."""
+        return self._agg("first")
+
+    def last(self) -> Expr:
+        """The last value of each run."""
+        return self._agg("last")
+
+    def var(self, ddof: int = 0) -> Expr:
+        """The variance per run (ddof=1: the sample variance)."""
+        return self._agg("var_samp" if ddof else "var")
+
+    def std(self, ddof: int = 0) -> Expr:
+        """The root of ``var(ddof)`` per run."""
+        return self._agg("dev_samp" if ddof else "dev")
+
+    def approx_distinct(self) -> Expr:
+        """An estimate of the distinct values per run."""
+        return self._agg("approxdc")
+
+    def count(self) -> Expr:
+        """The length of each run."""
         return Expr(_core.op("group_agg_count", [self.keys.node]))
 
-    def wavg(self, weights):
+    def wavg(self, weights: Expr) -> Expr:
         """Weighted mean of the values per run."""
         return Expr(_core.op("group_agg_wavg", [weights.node, self.values.node, self.keys.node]))
 
 
-def parse(text, dtype):
+def parse(text: Union[str, bytes], dtype: Any) -> Expr:
     """A sequence of dtype read from text such as "{1,2,null}" (the library's text form)."""
     code = _code_of(dtype)
     return Expr(_core.parse(code, text), np.dtype(dtype) == np.bool_)
 
 
-def array(values, mask=None, offset=0):
-    """A sequence over a numpy array, read in place.
+def array(values: Column, mask: Optional[Any] = None, offset: int = 0) -> Expr:
+    """A sequence over a numpy array, a pandas Series or an Index, read in place.
 
     mask: booleans, True where null (a numpy.ma array brings its own).
     offset: the position of the array's first element in a longer column
     (for partitions of first_positions).
+
+    From pandas, the nullable dtypes (Int8..UInt64, Float32/64, boolean) give
+    their missing elements as nulls, and so does NaT in datetime64[ns]; NaN in
+    a float64 Series stays a value, as in numpy. A Series' index is not read:
+    results are numbered from 0.
     """
+    if not isinstance(values, np.ndarray) and _is_pandas(values):
+        values, missing = _from_pandas(values)
+        if missing is not None:
+            mask = missing if mask is None else np.asarray(mask, dtype=bool) | missing
     if isinstance(values, np.ma.MaskedArray):
         if mask is None:
             mask = np.ma.getmaskarray(values)
         values = values.data
     if not isinstance(values, np.ndarray):
-        raise TypeError("qmo_seq.array takes a numpy array")
+        raise TypeError("qmo_seq.array takes a numpy array, a pandas Series or an Index")
     code = _code_of(values.dtype)
     if values.ndim != 1:
         raise TypeError("qmo_seq.array takes a one-dimensional array")
@@ -413,20 +512,81 @@ def array(values, mask=None, offset=0):
     return Expr(_core.array(values, code, width, nulls, offset), values.dtype == np.bool_)
 
 
-def where(cond, x, y):
+def where(cond: Expr, x: Union[Expr, Any], y: Union[Expr, Any]) -> Expr:
     """x where cond holds, else y, element by element."""
     x, y = x._pair(y) if isinstance(x, Expr) else y._pair(x)[::-1]
     return cond._op("iif", x, y, boolean=x.boolean)
 
 
-def merge(parts):
+def merge(parts: Iterable[bytes]) -> bytes:
     """One partial result (bytes) from the partial results of partitions."""
     return _core.merge([bytes(p) for p in parts])
 
 
-def result(parts):
+def result(parts: Union[bytes, Iterable[bytes]]) -> Output:
     """What the whole input's aggregate gives, from its partitions' partial results."""
     if isinstance(parts, (bytes, bytearray)):
         parts = [parts]
     pulled = _core.result([bytes(p) for p in parts])
     return _output(pulled)
+
+
+# ---- pandas (imported only when used) ------------------------------------------------------
+
+
+def _is_pandas(obj):
+    return type(obj).__module__.partition(".")[0] == "pandas"
+
+
+def _from_pandas(column):
+    """(values, mask or None) of a Series or Index, read in place where pandas keeps a numpy array."""
+    import pandas as pd
+
+    if not isinstance(column, (pd.Series, pd.Index)):
+        raise TypeError(f"qmo_seq.array takes a Series or an Index, not {type(column).__name__}")
+    values = column.array
+    if isinstance(values, (pd.arrays.IntegerArray, pd.arrays.FloatingArray, pd.arrays.BooleanArray)):
+        data, mask = values._data, values._mask  # the arrays the nullable dtype is made of
+        return data, mask if mask.any() else None
+    if isinstance(column.dtype, pd.DatetimeTZDtype):
+        raise TypeError("qmo_seq takes datetime64[ns] without a time zone: convert with tz_convert(None)")
+    data = column.to_numpy()
+    if data.dtype.kind == "M":
+        missing = np.isnat(data)
+        return data, missing if missing.any() else None
+    return data, None
+
+
+def _pandas_values(values):
+    import pandas as pd
+
+    if not np.ma.isMaskedArray(values):
+        return values
+    data, mask = values.data, np.ma.getmaskarray(values)
+    kind = data.dtype.kind
+    if kind in "iu":
+        return pd.arrays.IntegerArray(data, mask)
+    if kind == "f":
+        return pd.arrays.FloatingArray(data, mask)
+    if kind == "b":
+        return pd.arrays.BooleanArray(data, mask)
+    if kind == "M":
+        return np.where(mask, np.datetime64("NaT", "ns"), data)
+    out = data.astype(object)
+    out[mask] = pd.NA
+    return out
+
+
+def to_pandas(output: Output) -> pd.Series:
+    """A pandas Series of what ``evaluate`` or ``result`` gave.
+
+    Null elements become pd.NA in the nullable dtype of their kind (Int32,
+    UInt8, Float64, boolean, ...) or NaT; without nulls the numpy dtype stays.
+    A group-by's (keys, aggregates) becomes the aggregates indexed by key.
+    """
+    import pandas as pd
+
+    if isinstance(output, tuple):
+        keys, values = output
+        return pd.Series(_pandas_values(values), index=pd.Index(_pandas_values(keys)))
+    return pd.Series(_pandas_values(output))
