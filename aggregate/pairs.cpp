@@ -62,16 +62,17 @@ struct wsum : pair_family<E> {
     static void finish(const typename B::acc &s, uint64_t, double *r) { r[0] = s.w[kSxy]; }
 };
 
-// x is the weight. Unlike wsum, integer products are formed in the element's
-// own arithmetic (32-bit for 1- to 4-byte types, 64-bit for 8-byte ones, of
-// the element's signedness) and wrap before they become doubles.
+// x is the weight. Unlike wsum, products are formed in the element's own
+// arithmetic before they become doubles: integers in 32 bits for 1- to 4-byte
+// types, 64 for 8-byte ones, of the element's signedness, wrapping; floats
+// as float products, rounded (or overflowing) in float.
 template <class E>
 struct wavg : pair_family<E> {
     using B = pair_family<E>;
     using T = typename B::T;
     using P = std::conditional_t<(sizeof(T) == 8), T, std::conditional_t<E::is_signed, int32_t, uint32_t>>;
     static double product(T x, T y) {
-        if constexpr (E::is_float) return B::d(x) * B::d(y);
+        if constexpr (E::is_float) return static_cast<double>(static_cast<T>(x * y));
         else return static_cast<double>(wrap_mul(static_cast<P>(x), static_cast<P>(y)));
     }
     static void terms(T x, T y, double (&t)[kWords]) {

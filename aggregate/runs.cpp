@@ -314,7 +314,9 @@ template <class E> struct run_dev_samp : elementwise<E, agg::agg_dev_samp<E>> {}
 
 // Weighted mean over the positions where neither weight (operand 1) nor value
 // is null. Products in double; integer weights add up as 64-bit integers
-// (modulo 2^64, read with the input's signedness).
+// (modulo 2^64, read with the input's signedness). A run's first pair sets
+// the sums rather than being added to zeros: 0 + -0 would lose the sign of a
+// first product of -0.
 template <class E>
 struct run_wavg {
     using out = Elem<QMO_SEQ_TYPE_DOUBLE>;
@@ -327,6 +329,7 @@ struct run_wavg {
         W weights;
     };
 
+    static acc first(T w, T x) { return {static_cast<double>(w) * static_cast<double>(x), static_cast<W>(w)}; }
     static void add(acc &s, T w, T x) {
         s.products += static_cast<double>(w) * static_cast<double>(x);
         s.weights += static_cast<W>(w);
@@ -334,16 +337,18 @@ struct run_wavg {
     static void fold(acc &s, uint64_t &present, Iter *const *v, unsigned i, unsigned j, bool dense) {
         const T *w = tile<T>(v[0]);
         const T *x = tile<T>(v[1]);
-        if (present == 0) s = acc{};
         if (dense) {
-            for (unsigned l = i; l < j; ++l) add(s, w[l], x[l]);
+            unsigned l = i;
+            if (present == 0 && l < j) s = first(w[l], x[l]), ++l;
+            for (; l < j; ++l) add(s, w[l], x[l]);
             present += j - i;
             return;
         }
         const Mask nulls = mask_of(v[0]->null_bitmap) | mask_of(v[1]->null_bitmap);
-        for (Mask live = ~nulls & range_mask(i, j); live; live &= live - 1, ++present) {
+        for (Mask live = ~nulls & range_mask(i, j); live; live &= live - 1) {
             const unsigned l = lowest_bit(live);
-            add(s, w[l], x[l]);
+            if (present++ == 0) s = first(w[l], x[l]);
+            else add(s, w[l], x[l]);
         }
     }
     static bool emit(const acc &s, uint64_t present, uint64_t, double *r) {

@@ -42,18 +42,29 @@ struct sum {
     }
 };
 
-// The running sum over N from the first element on.
+// The running sum over N from the first element on, kept in the result
+// type: a double, which cannot wrap near the 64-bit limits as an integer
+// sum would; a datetime mean stays an integer quotient.
 template <class E>
 struct avg {
     using in = E;
     using out = series::double_or_datetime<E>;
-    using A = value_t<wide_t<E>>;
+    using A = std::conditional_t<E::is_datetime, value_t<wide_t<E>>, double>;
     static constexpr unsigned K = 1;
     static constexpr bool uses_ring = true;
     static value_t<out> push(A (&w)[K], value_t<E> old, value_t<E> x, uint64_t i, const View<value_t<E>> &v) {
-        sum<E>::push(w, old, x, i, v);
-        if constexpr (E::is_datetime) return w[0] / v.n;
-        else return static_cast<double>(w[0]) / v.nd;
+        if constexpr (E::is_datetime) {
+            sum<E>::push(w, old, x, i, v);
+            return w[0] / v.n;
+        } else if constexpr (!E::is_float && sizeof(value_t<E>) < 8) {
+            // Narrow integers: the step is exact in 64 bits and every sum of
+            // the window stays below 2^53, so one conversion gives the same sum.
+            w[0] += static_cast<double>(static_cast<int64_t>(x) - static_cast<int64_t>(old));
+            return w[0] / v.nd;
+        } else {
+            w[0] = w[0] - series::to_double<E>(old) + series::to_double<E>(x);
+            return w[0] / v.nd;
+        }
     }
 };
 

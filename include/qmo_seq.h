@@ -1070,9 +1070,10 @@ QMO_SEQ_ANALYTICS_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
  *     cov   (sxy - sy * sx / n) / n
  *     corr  (sxy - sy * sx / n) / sqrt((syy - sy * sy / n) * (sxx - sx * sx / n))
  *     wsum  sum of x * y, multiplied in double
- *     wavg  sum of x * y / sum of x: x is the weight; integer products are
- *           formed in the element type's arithmetic (32-bit for 1- to 4-byte
- *           types, 64-bit for 8-byte types), wrapping, before conversion
+ *     wavg  sum of x * y / sum of x: x is the weight; products are formed
+ *           in the element type's arithmetic before conversion: integers in
+ *           32 bits for 1- to 4-byte types, 64 for 8-byte types, wrapping;
+ *           floats as float products
  *
  * The first element of the operand's first tile seeds the accumulators even
  * when it is null; the seed is dropped at the first counted element unless the
@@ -1307,7 +1308,8 @@ QMO_SEQ_PARTIAL_RESULT_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
  *     element leaving it was the extreme (max of -5, -6, -7, -8 over 3 is
  *     0, 0, -5, -6). The own reset clears the ring and the running values.
  *     sum       as the grid sum; a running sum, minus the leaving element, plus the new one
- *     avg       sum / N -> double (datetime: truncating integer quotient)
+ *     avg       sum / N -> double, the running sum a double (datetime: an
+ *               integer sum, truncating integer quotient)
  *     var       -> double (datetime -> datetime); var_samp dev dev_samp -> double
  *     min max   -> t
  *     ema       -> double; the first element, then (1 - a) * e + a * x, a = 2 / (N + 1)

@@ -165,6 +165,19 @@ TYPED_TEST(RunAggregates, MembersAgainstTheModel) {
         }
 }
 
+// A run's first product starts the sum of products (not 0 + it): a weight
+// of -3 over a value of 0 gives -0 / -3 = +0.
+TYPED_TEST(RunAggregates, WeightedMeanStartsFromTheFirstProduct) {
+    using T = V<TypeParam>;
+    Source<t_int4> keys({7});
+    Source<TypeParam> weights(std::vector<T>{static_cast<T>(-3)}), values(std::vector<T>{0});
+    Iter wavg;
+    ASSERT_EQ(fn::group_agg_wavg<TypeParam>(&wavg, &weights.it, &values.it, &keys.it), 0);
+    ASSERT_EQ(wavg.next(&wavg), 0);
+    EXPECT_EQ(wavg.values.f8[0], 0.0);
+    EXPECT_FALSE(std::signbit(wavg.values.f8[0]));
+}
+
 TEST(RunAggregateQuirks, KeysCompareAsTheBytesOfTheirWidth) {
     auto counts = [](Script &keys) {
         Iter count;

@@ -220,6 +220,19 @@ TEST(ScalarAggregateQuirks, WeightedAverageWrapsIntegerProductsButWeightedSumDoe
     EXPECT_EQ(aggregate(qmo_seq_wsum_int4, x, y).values, std::vector<double>{30}) << "in step: 99s are never paired";
 }
 
+// Float products are rounded to float before they join the double sums,
+// in a partition's fold and so in the merge.
+TEST(ScalarAggregateQuirks, WeightedAverageRoundsFloatProducts) {
+    Source<t_float> w({3}), v({1 / 3.f}), huge({-3.4e38f}), two({2});
+    EXPECT_EQ(aggregate(qmo_seq_wavg_float, w, v).values, std::vector<double>{1.0 / 3}) << "3 * 0.33333334f is 1";
+    EXPECT_EQ(aggregate(qmo_seq_wavg_float, huge, two).values, std::vector<double>{INFINITY}) << "-inf / -3.4e38";
+    Source<t_float> w1({3}), v1({1 / 3.f}), w2({3}), v2({1 / 3.f});
+    Iter a, b;
+    ASSERT_EQ(qmo_seq_wavg_float(&a, &w1.it, &v1.it) | qmo_seq_wavg_float(&b, &w2.it, &v2.it), 0);
+    ASSERT_EQ(a.prepare(&a) | b.prepare(&b) | a.merge(&a, &b), 0);
+    EXPECT_EQ(pull(&a).values, std::vector<double>{1.0 / 3}) << "2 / 6";
+}
+
 TEST(ScalarAggregateQuirks, DistinctCountOfCharHashesEveryWidthByte) {
     CharSource text(5, {"ab", "ab", std::string("ab\0z", 4)});
     EXPECT_EQ(aggregate(qmo_seq_agg_approxdc, text).values, std::vector<double>{2}) << "bytes after the NUL count";
