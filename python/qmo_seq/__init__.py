@@ -11,11 +11,15 @@ masked where null. Aggregates also give their partial result as bytes
 of partitions, in this process or another.
 """
 
+import os
+
 import numpy as np
 
 from . import _core
 
-__all__ = ["Error", "Expr", "array", "parse", "where", "merge", "result"]
+PARTITION_ROWS = _core.PARTITION_ROWS  # rows per partition of a threaded evaluation
+
+__all__ = ["Error", "Expr", "array", "parse", "where", "merge", "result", "PARTITION_ROWS"]
 
 
 class Error(Exception):
@@ -285,9 +289,22 @@ class Expr:
         return lambda *operands, params=(): self._op(name, *operands, params=params)
 
     # ---- results ----------------------------------------------------------------
-    def evaluate(self):
-        """A numpy array, masked where null (plain when nothing is null)."""
-        return _output(_core.evaluate(self.node), self.boolean)
+    def evaluate(self, threads=None):
+        """A numpy array, masked where null (plain when nothing is null).
+
+        threads: how many threads may evaluate a mergeable request (an
+        aggregate, top-N, first positions or a group-by over arrays through
+        element-wise operators and filters); None for every core, 1 for one
+        pass on this thread. Such a request over more than PARTITION_ROWS
+        rows is split into ceil(rows / PARTITION_ROWS) partitions whatever
+        the number of threads, each prepared on its own, and merged in
+        partition order: the answer is that of the partitions' partial
+        results merged (a float sum rounds by partition, top-N keeps a value
+        found in two partitions once), the same for any threads > 1.
+        """
+        if threads is None:
+            threads = os.cpu_count() or 1
+        return _output(_core.evaluate(self.node, max(1, int(threads))), self.boolean)
 
     to_numpy = evaluate
 
