@@ -75,8 +75,11 @@ struct slot_policy {
     using out = Out;
     static constexpr int in = E::code;
     static constexpr bool nullable = true, registers = false, needs_values = true;
+    // A group's slot starts at zero, so a sum of integers need not look at the
+    // count: 0 + v is v. (Floats do: -0.0 must stay -0.0.)
+    static constexpr bool adds_from_zero = std::is_same_v<Join, plus> && !E::is_float;
     static void join(Entry &e, S v) {
-        if (e.count == 0) return set_slot(e, v);
+        if (!adds_from_zero && e.count == 0) return set_slot(e, v);
         S acc = slot<S>(e);
         Join::join(acc, v);
         set_slot(e, acc);
@@ -159,6 +162,118 @@ inline void prefetch_chains(const Buckets<Entry> &b, const uint32_t *h, unsigned
         if (const Entry *e = *b.head(h[i + kLookahead / 2])) __builtin_prefetch(e->next);
 }
 
+// The entry each of 2,048 slots last led to, a slot chosen by a multiplicative
+// hash of the key word. While the table has no more groups than slots, most
+// keys find their group here without MurmurHash, modulo or chain walk; a key
+// of another slot's owner takes the table's path and then owns the slot.
+// Entries never move, so the cache stays valid through growth. 16 KiB of
+// stack, nothing allocated; not used for keys longer than 8 bytes.
+struct EntryCache {
+    static constexpr unsigned kBits = 11;
+    static constexpr uint64_t kSlots = uint64_t{1} << kBits;
+    Entry *slot[kSlots] = {};
+    Entry *&of(uint64_t word) { return slot[(word * 0x9E3779B97F4A7C15u) >> (64 - kBits)]; }
+};
+
+// Chains of 8-byte keys that lie further apart than 2^63 are ordered by
+// wrapped differences, and a walk can stop before the equal entry (the table
+// then holds the key twice). The cache would find that entry regardless, so
+// it serves 8-byte keys only while every key seen so far, null ones
+// included, lies within 2^63 of every other: then the chain order is the
+// plain order of the words and the walk finds what the cache finds.
+struct KeySpan {
+    uint64_t lo = ~uint64_t{0}, hi = 0;
+    // True once the words seen span 2^63 or more.
+    bool widen(const uint64_t *words, unsigned n) {
+        for (unsigned i = 0; i < n; ++i) {
+            lo = words[i] < lo ? words[i] : lo;
+            hi = words[i] > hi ? words[i] : hi;
+        }
+        return n && hi - lo >= uint64_t{1} << 63;
+    }
+};
+
+// One element of a tile: a null key is skipped, a null value only finds or
+// makes its group. False when memory runs out.
+template <class P, class Find>
+inline bool fold_one(const Iter *keys, const Iter *values, unsigned i, Find find) {
+    if (is_null(keys, i)) return true;
+    Entry *e = find(i);
+    if (!e) return false;
+    if (values && is_null(values, i)) return true;
+    P::fold(*e, values, i);
+    ++e->count;
+    return true;
+}
+
+template <class U>
+inline U load(const char *bytes, unsigned i) {
+    U u;
+    std::memcpy(&u, bytes + size_t{i} * sizeof u, sizeof u);
+    return u;
+}
+
+// The key word of element i of a tile of W-byte keys.
+template <class W>
+inline uint64_t key_word(const char *bytes, unsigned i, W w) {
+    if constexpr (std::is_same_v<W, std::integral_constant<unsigned, 8>>) return load<uint64_t>(bytes, i);
+    else if constexpr (std::is_same_v<W, std::integral_constant<unsigned, 4>>) return load<uint32_t>(bytes, i);
+    else if constexpr (std::is_same_v<W, std::integral_constant<unsigned, 2>>) return load<uint16_t>(bytes, i);
+    else if constexpr (std::is_same_v<W, std::integral_constant<unsigned, 1>>) return load<uint8_t>(bytes, i);
+    uint64_t word = 0;
+    std::memcpy(&word, bytes + size_t{i} * w, w);
+    return word;
+}
+
+// A tile of keys of W bytes (W at most 8) through the entry cache; tiles
+// without nulls skip the null tests.
+template <class P, class W>
+inline bool fold_cached(Carver<Entry> &c, Buckets<Entry> &b, EntryCache &cache, const Iter *keys,
+                        const Iter *values, unsigned n, W w) {
+    const char *bytes = tile<char>(keys);
+    auto find = [&](unsigned i) {
+        const uint64_t word = key_word(bytes, i, w);
+        Entry *&owner = cache.of(word);
+        if (owner && owner->key == word) [[likely]]
+            return owner;
+        Entry *e = find_or_add<false>(c, b, word, murmur_hash3_32(&word, w, kHashSeed), w, init_slot<P>);
+        if (e) owner = e;
+        return e;
+    };
+    if (!has_nulls(keys) && (!values || !has_nulls(values))) {
+        for (unsigned i = 0; i < n; ++i) {
+            Entry *e = find(i);
+            if (!e) return false;
+            P::fold(*e, values, i);
+            ++e->count;
+        }
+        return true;
+    }
+    for (unsigned i = 0; i < n; ++i)
+        if (!fold_one<P>(keys, values, i, find)) return false;
+    return true;
+}
+
+// A tile hashed whole first, bucket slots prefetched when the table is far.
+template <class P, bool Long>
+inline bool fold_hashed(Carver<Entry> &c, Buckets<Entry> &b, const Iter *keys, const Iter *values, unsigned n) {
+    const unsigned width = keys->elem_size;
+    uint32_t h[kTile];
+    uint64_t words[kTile];
+    hash_elements(tile<char>(keys), width, n, [](unsigned) { return kHashSeed; }, h);
+    element_words(tile<char>(keys), width, n, words);
+    const bool far = b.t->bucket_count >= kPrefetchBuckets;
+    if (far)
+        for (unsigned i = 0; i < n; ++i) __builtin_prefetch(b.head(h[i]));
+    for (unsigned i = 0; i < n; ++i) {
+        if (far) prefetch_chains(b, h, i, n);
+        if (!fold_one<P>(keys, values, i,
+                         [&](unsigned j) { return find_or_add<Long>(c, b, words[j], h[j], width, init_slot<P>); }))
+            return false;
+    }
+    return true;
+}
+
 template <class P, bool Long>
 int build_with(Iter *it) {
     Iter *values = it->operand1;
@@ -168,8 +283,9 @@ int build_with(Iter *it) {
     if (!t) return QMO_SEQ_NO_MEMORY;
     Buckets<Entry> b(t);
     Carver<Entry> carve{it, t};
-    uint32_t h[kTile];
-    uint64_t words[kTile];
+    EntryCache cache;
+    KeySpan span;
+    bool wraps = false;
     for (;;) {
         if (int rc = keys->next(keys)) {
             if (rc != QMO_SEQ_END) return rc;
@@ -179,20 +295,15 @@ int build_with(Iter *it) {
         if (values && (values->next(values) != QMO_SEQ_OK || values->tile_count != keys->tile_count))
             return QMO_SEQ_LENGTH_MISMATCH;
         const unsigned n = keys->tile_count;
-        hash_elements(tile<char>(keys), width, n, [](unsigned) { return kHashSeed; }, h);
-        element_words(tile<char>(keys), width, n, words);
-        const bool far = t->bucket_count >= kPrefetchBuckets;
-        if (far)
-            for (unsigned i = 0; i < n; ++i) __builtin_prefetch(b.head(h[i]));
-        for (unsigned i = 0; i < n; ++i) {
-            if (far) prefetch_chains(b, h, i, n);
-            if (is_null(keys, i)) continue;
-            Entry *e = find_or_add<Long>(carve, b, words[i], h[i], width, init_slot<P>);
-            if (!e) return QMO_SEQ_NO_MEMORY;
-            if (values && is_null(values, i)) continue;
-            P::fold(*e, values, i);
-            ++e->count;
+        if (width == 8 && !wraps) wraps = span.widen(tile<uint64_t>(keys), n);
+        bool ok;
+        if (!Long && !wraps && t->entry_count <= EntryCache::kSlots) {
+            if constexpr (!Long)
+                with_width(width, [&](auto w) { ok = fold_cached<P>(carve, b, cache, keys, values, n, w); });
+        } else {
+            ok = fold_hashed<P, Long>(carve, b, keys, values, n);
         }
+        if (!ok) return QMO_SEQ_NO_MEMORY;
     }
 }
 

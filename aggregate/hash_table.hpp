@@ -69,7 +69,11 @@ inline uint64_t grown_buckets(uint64_t current) {
 __extension__ typedef unsigned __int128 u128;
 
 // A table with its growth threshold and a reciprocal that turns "hash mod
-// bucket count" into two multiplications (exact for 32-bit hashes and counts).
+// bucket count" into two multiplications: with M = ceil(2^64 / d), the high
+// word of (M * h mod 2^64) * d is h mod d for every 32-bit h and every d below
+// 2^32 (Lemire, Kaser and Kurz, "Faster remainder by direct computation",
+// 2019, theorem 1 with F = 64 >= N + L = 32 + 32). M is recomputed whenever
+// the bucket count changes.
 template <class E>
 struct Buckets {
     TableOf<E> *t;
@@ -78,13 +82,14 @@ struct Buckets {
 
     explicit Buckets(TableOf<E> *table) : t(table) { refresh(); }
     void refresh() {
-        magic = ~uint64_t{0} / t->bucket_count + 1;
+        magic = reciprocal(t->bucket_count);
         threshold = double_to_u64(static_cast<double>(t->bucket_count) * qmo_seq_hash_table_load_factor) - 1;
     }
-    E **head(uint32_t h) const {
-        const uint64_t low = magic * h;
-        return &t->buckets[static_cast<uint64_t>((static_cast<u128>(low) * t->bucket_count) >> 64)];
+    static uint64_t reciprocal(uint64_t d) { return ~uint64_t{0} / d + 1; }
+    static uint64_t index(uint32_t h, uint64_t magic, uint64_t d) {
+        return static_cast<uint64_t>((static_cast<u128>(magic * h) * d) >> 64);
     }
+    E **head(uint32_t h) const { return &t->buckets[index(h, magic, t->bucket_count)]; }
 };
 
 // ---- storage --------------------------------------------------------------------------------

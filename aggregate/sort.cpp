@@ -8,6 +8,7 @@
 #include "frame/readers.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <utility>
@@ -113,8 +114,11 @@ inline constexpr uint64_t kInsertionMax = 50;
 inline constexpr uint64_t kLocalDisorder = 8;
 
 // One seed per element type, shared by every sort of that type in the process.
+// Relaxed atomics: sorts of one type on several threads may interleave their
+// steps (only the pivots they pick change), but they do not race; on one
+// thread the sequence is the plain one.
 template <class E>
-uint32_t seed_of = 123456789u;
+std::atomic<uint32_t> seed_of{123456789u};
 
 template <class L>
 struct Quicksort {
@@ -122,7 +126,7 @@ struct Quicksort {
     L layout;
     // values[0 .. sorted_prefix) of the whole array are non-decreasing.
     uint64_t sorted_prefix;
-    uint32_t &seed;
+    std::atomic<uint32_t> &seed;
 
     bool less(const Slot &a, const Slot &b) const { return layout.key(a) < layout.key(b); }
 
@@ -135,8 +139,9 @@ struct Quicksort {
             // its first n values are non-decreasing the slice stays as it is.
             if (n <= sorted_prefix) return;
             if (depth == -1) return heap(s, n);
-            seed = seed * 69069u + 362437u;
-            std::swap(s[0], s[seed % (n - 1)]);
+            const uint32_t next = seed.load(std::memory_order_relaxed) * 69069u + 362437u;
+            seed.store(next, std::memory_order_relaxed);
+            std::swap(s[0], s[next % (n - 1)]);
             median_of_three(s, n);
             const uint64_t j = partition(s, n);
             qloop(s + j + 1, n - 1 - j, depth);
@@ -377,7 +382,7 @@ uint32_t pivot_seed(int code) noexcept {
     switch (code) {
 #define QMO_SEED_CASE_(a, t, ctype, code) \
     case code:                            \
-        return seed_of<Elem<code>>;
+        return seed_of<Elem<code>>.load(std::memory_order_relaxed);
         QMO_SEQ_NUMERIC_TYPES(QMO_SEED_CASE_, )
 #undef QMO_SEED_CASE_
     }

@@ -12,13 +12,18 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -43,6 +48,7 @@ void check(int status) {
 
 struct Plan {
     bool probe = false;  // sources of length 0: only the result types are wanted
+    uint64_t from = 0, till = ~uint64_t{0};  // the rows of every array source this plan reads
     std::deque<Iter> records;
     std::unordered_map<const Iter *, Iter *> groups;  // a hash aggregate's group output
     std::vector<Iter *> hashes;
@@ -72,6 +78,8 @@ struct Node;
 using NodePtr = std::shared_ptr<Node>;
 
 struct Node {
+    std::string name;  // the operator's, or "array", "constant", "parse", "match", "convert"
+    uint64_t rows = 0;  // an array's length
     std::vector<NodePtr> operands;
     Params params;
     Make make;
@@ -295,11 +303,17 @@ NodePtr array_node(py::array values, int type, size_t width, py::object nulls, u
     const auto *bitmap = nulls.is_none() ? nullptr : static_cast<const uint64_t *>(data_of(nulls.cast<py::array>()));
     const void *data = data_of(values);
     const uint64_t n = static_cast<uint64_t>(values.size());
+    const size_t item = static_cast<size_t>(values.itemsize());
     const Source source = sources[type];
+    node->name = "array";
+    node->rows = n;
     node->keep = py::make_tuple(values, nulls);
     node->make = [=](Plan &plan, Iter *r, Iter *const *, const Params &) {
-        const int rc = source(r, data, plan.probe ? 0 : n, bitmap, width);
-        r->first_pos = first_pos;  // where this partition lies in the whole column
+        // A plan of some rows reads those (from is a multiple of 64: whole bitmap words).
+        const uint64_t from = std::min(plan.from, n), till = plan.probe ? from : std::min(plan.till, n);
+        const int rc = source(r, static_cast<const char *>(data) + from * item, till - from,
+                              bitmap ? bitmap + from / 64 : nullptr, width);
+        r->first_pos = first_pos + from;  // where these rows lie in the whole column
         return rc;
     };
     return finish(node);
@@ -310,6 +324,7 @@ NodePtr constant_node(int type, py::bytes value) {
     auto node = std::make_shared<Node>();
     std::string bytes = value;
     const Constant make = constants[type];
+    node->name = "constant";
     node->make = [=](Plan &, Iter *r, Iter *const *, const Params &) { return make(r, bytes.data(), bytes.size()); };
     return finish(node);
 }
@@ -322,6 +337,7 @@ NodePtr op_node(const std::string &name, std::vector<NodePtr> operands, Params p
     const int type = operands[op.chooser]->type;
     if (!op.members[type]) throw StatusError{QMO_SEQ_TYPE_MISMATCH};
     auto node = std::make_shared<Node>();
+    node->name = name;
     node->operands = std::move(operands);
     node->params = std::move(params);
     node->make = op.members[type];
@@ -333,6 +349,7 @@ NodePtr parse_node(int type, std::string text) {
     if (type < 0 || type >= kTypeCodes || !parsers[type]) throw StatusError{QMO_SEQ_TYPE_MISMATCH};
     auto node = std::make_shared<Node>();
     const auto parse = parsers[type];
+    node->name = "parse";
     auto owned = std::make_shared<const std::string>(std::move(text));
     node->make = [=](Plan &, Iter *r, Iter *const *, const Params &) { return parse(r, owned->c_str()); };
     return finish(node);
@@ -341,6 +358,7 @@ NodePtr parse_node(int type, std::string text) {
 NodePtr match_node(NodePtr input, std::string pattern) {
     auto node = std::make_shared<Node>();
     auto owned = std::make_shared<const std::string>(std::move(pattern));
+    node->name = "match";
     node->operands = {std::move(input)};
     node->make = [=](Plan &, Iter *r, Iter *const *o, const Params &) { return qmo_seq_match(r, o[0], owned->c_str()); };
     return finish(node);
@@ -349,6 +367,7 @@ NodePtr match_node(NodePtr input, std::string pattern) {
 NodePtr convert_node(NodePtr input, int to) {
     if (to < 0 || to >= kTypeCodes || !conversions[input->type][to]) throw StatusError{QMO_SEQ_TYPE_MISMATCH};
     auto node = std::make_shared<Node>();
+    node->name = "convert";
     node->operands = {std::move(input)};
     node->make = conversions[node->operands[0]->type][to];
     return finish(node);
@@ -393,7 +412,106 @@ py::object pull(Plan &plan, Iter *root) {
     return py::make_tuple(collect(grp->second), aggregates);
 }
 
-py::object evaluate(const NodePtr &node) {
+// ---- partitioned evaluation on threads ---------------------------------------------------------
+
+// Rows per partition: a mergeable request over n rows is evaluated as
+// ceil(n / kPartitionRows) partitions, merged in partition order, whatever
+// the number of threads. A multiple of 64, so partitions start at whole
+// words of a null bitmap.
+constexpr uint64_t kPartitionRows = uint64_t{1} << 20;
+static_assert(kPartitionRows % 64 == 0);
+
+// Operators whose every output element depends on its own row alone (and
+// filters, which keep or drop rows): over partitions they give the
+// partitions of the whole. Positions after a filter would not, so a request
+// for first positions takes no filter.
+const std::set<std::string> &row_operators() {
+    static const std::set<std::string> names = [] {
+        std::set<std::string> n = {"constant", "convert", "match", "and", "or", "xor", "not", "iif", "filter"};
+#define QMO_PY_ROW_OP_(op) n.insert(#op);
+        QMO_SEQ_ARITHMETIC_OPS(QMO_PY_ROW_OP_)
+        QMO_SEQ_COMPARISON_OPS(QMO_PY_ROW_OP_)
+        QMO_SEQ_SIGN_OPS(QMO_PY_ROW_OP_)
+#undef QMO_PY_ROW_OP_
+        return n;
+    }();
+    return names;
+}
+
+// True when the subtree reads only arrays (all of `rows` rows) through row operators.
+bool by_rows(const Node &node, bool positions, uint64_t &rows) {
+    if (node.name == "array") {
+        if (rows != ~uint64_t{0} && rows != node.rows) return false;
+        rows = node.rows;
+        return true;
+    }
+    const bool every_row = node.name == "limit" && node.params == Params{0, ~uint64_t{0}};
+    if (!every_row && (!row_operators().count(node.name) || (positions && node.name == "filter"))) return false;
+    for (const NodePtr &o : node.operands)
+        if (o && !by_rows(*o, positions, rows)) return false;
+    return true;
+}
+
+// The rows of a request whose operands read arrays through row operators
+// only (0 for any other). Whether the request itself merges its partitions
+// (an aggregate, top-N, first positions, a group-by) its record tells.
+uint64_t partitionable_rows(const Node &node) {
+    uint64_t rows = ~uint64_t{0};
+    for (const NodePtr &o : node.operands)
+        if (o && !by_rows(*o, node.name == "filter_first_pos", rows)) return 0;
+    return rows == ~uint64_t{0} ? 0 : rows;
+}
+
+// Each partition gets its own plan (its own records and tables), prepared on
+// one of `threads` threads without the GIL; the partial results are merged
+// into the first partition's record in partition order on this thread.
+py::object evaluate_partitioned(const NodePtr &node, uint64_t rows, unsigned threads) {
+    const size_t parts = static_cast<size_t>((rows + kPartitionRows - 1) / kPartitionRows);
+    std::vector<std::unique_ptr<Plan>> plans;
+    std::vector<Iter *> roots;
+    for (size_t p = 0; p < parts; ++p) {
+        auto &plan = *plans.emplace_back(std::make_unique<Plan>());
+        plan.from = p * kPartitionRows;
+        plan.till = plan.from + kPartitionRows;
+        roots.push_back(node->build(plan));
+        if (!roots[0]->prepare || !roots[0]->merge) {  // not mergeable: one pass
+            plans.clear();
+            Plan whole;
+            return pull(whole, node->build(whole));
+        }
+    }
+    std::vector<int> status(parts, QMO_SEQ_OK);
+    int rc = QMO_SEQ_OK;
+    {
+        py::gil_scoped_release unlocked;
+        std::atomic<size_t> next{0};
+        auto work = [&] {
+            for (size_t p; (p = next.fetch_add(1, std::memory_order_relaxed)) < parts;)
+                status[p] = roots[p]->prepare(roots[p]);
+        };
+        std::vector<std::thread> pool;
+        for (unsigned t = 1; t < std::min<size_t>(threads, parts); ++t) {
+            try {
+                pool.emplace_back(work);
+            } catch (const std::system_error &) {
+                break;  // fewer threads: the same partitions, the same answer
+            }
+        }
+        work();
+        for (std::thread &t : pool) t.join();
+        for (size_t p = 0; p < parts && !rc; ++p) rc = status[p];
+        for (size_t p = 1; p < parts && !rc; ++p) rc = roots[0]->merge(roots[0], roots[p]);
+    }
+    check(rc);
+    return pull(*plans[0], roots[0]);
+}
+
+// threads > 1: a mergeable request of more than one partition's rows goes
+// over partitions on threads; anything else is evaluated in one pass.
+py::object evaluate(const NodePtr &node, unsigned threads) {
+    if (threads > 1)
+        if (const uint64_t rows = partitionable_rows(*node); rows > kPartitionRows)
+            return evaluate_partitioned(node, rows, threads);
     Plan plan;
     return pull(plan, node->build(plan));
 }
@@ -555,7 +673,8 @@ PYBIND11_MODULE(_core, m) {
     m.def("parse", &parse_node);
     m.def("match", &match_node);
     m.def("has_op", [](const std::string &name) { return ops.count(name) > 0; });
-    m.def("evaluate", &evaluate);
+    m.def("evaluate", &evaluate, py::arg("node"), py::arg("threads") = 1);
+    m.attr("PARTITION_ROWS") = kPartitionRows;
     m.def("partial", &partial);
     m.def("merge", &merge_partials);
     m.def("result", &result_of);

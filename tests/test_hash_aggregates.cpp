@@ -5,13 +5,14 @@
 #include "support.hpp"
 
 #include "aggregate/distinct.hpp"
-#include "aggregate/hash_layout.hpp"
+#include "aggregate/hash_table.hpp"
 
 #include <cstdlib>
 #include <functional>
 #include <deque>
 #include <map>
 #include <optional>
+#include <random>
 #include <set>
 
 using namespace test;
@@ -254,6 +255,37 @@ TEST_F(Hash, AMillionDistinctKeys) {
     ASSERT_EQ(qmo_seq_agg_count(&count, &o.grp), 0);
     ASSERT_EQ(count.next(&count), 0);
     EXPECT_EQ(count.values.u8[0], keys.size());
+}
+
+// Keys that come back, in tables of fewer and of more groups than the build's
+// entry cache holds, with nulls among them: 65,536 uint2 keys three times
+// over, and 5,000 int8 keys of which many share a cache slot, their negatives
+// joining late (wrapped chain order from then on).
+TEST_F(Hash, KeysThatComeBackBelowAndAboveTheEntryCache) {
+    std::vector<uint16_t> shorts(3 * 65536);
+    for (size_t i = 0; i < shorts.size(); ++i) shorts[i] = static_cast<uint16_t>(i * 40503);
+    Source<t_uint2> short_keys(shorts, {5, 70000, 140001});
+    expect_groups(short_keys, 0);
+    std::vector<int64_t> longs(20000);
+    for (size_t i = 0; i < longs.size(); ++i) longs[i] = (i < 15000 ? 1 : -1) * (static_cast<int64_t>(i % 5000) << 40);
+    Source<t_int8> long_keys(longs, {3, 12000});
+    expect_groups(long_keys, 0);
+}
+
+// The bucket index by reciprocal is h mod d for the core's primes and for
+// 32-bit counts beyond them, at the edges of the hash range and between.
+TEST(HashBuckets, ReciprocalIndexIsTheRemainder) {
+    std::vector<uint64_t> counts = {2, 3, 4294967291u, 4294967295u, 2147483659u};
+    for (int i = 0; i <= 28; ++i) counts.push_back(prime(i));
+    std::mt19937 rng(5);
+    for (uint64_t d : counts) {
+        const uint64_t m = qmo::hash::Buckets<qmo::hash::Entry>::reciprocal(d);
+        std::vector<uint32_t> hashes = {0, 1, 0xFFFFFFFFu, 0xFFFFFFFEu, 0x80000000u};
+        for (uint64_t k : {uint64_t{1}, d - 1, d, d + 1, (0xFFFFFFFFu / d) * d - 1, (0xFFFFFFFFu / d) * d})
+            if (k <= 0xFFFFFFFFu) hashes.push_back(static_cast<uint32_t>(k));
+        for (int j = 0; j < 20000; ++j) hashes.push_back(rng());
+        for (uint32_t h : hashes) ASSERT_EQ(qmo::hash::Buckets<qmo::hash::Entry>::index(h, m, d), h % d) << h << " mod " << d;
+    }
 }
 
 // ---- edge cases -----------------------------------------------------------------------------------

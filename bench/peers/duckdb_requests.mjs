@@ -1,7 +1,7 @@
-// The trade-tape requests in SQL, run by DuckDB on one thread. Prints each
-// result and its best time as JSON; loading the tape is not timed.
+// The trade-tape requests in SQL, run by DuckDB on one thread or more. Prints
+// each result and its best time as JSON; loading the tape is not timed.
 //
-//   node duckdb_requests.mjs TAPE_DIR LIBRARY_JSON RUNS
+//   node duckdb_requests.mjs TAPE_DIR LIBRARY_JSON RUNS [THREADS]
 //
 // The tape is the raw columns of `qmo_seq_demo --write-columns`; the request
 // parameters (thresholds, time range, windows, pattern) come from the library's
@@ -13,12 +13,13 @@ import bindings from '@duckdb/node-bindings';
 import { readFileSync } from 'node:fs';
 import { performance } from 'node:perf_hooks';
 
-const [dir, libraryJson, runsText] = process.argv.slice(2);
+const [dir, libraryJson, runsText, threadsText] = process.argv.slice(2);
 if (!dir || !libraryJson) {
-    console.error('usage: node duckdb_requests.mjs TAPE_DIR LIBRARY_JSON [RUNS]');
+    console.error('usage: node duckdb_requests.mjs TAPE_DIR LIBRARY_JSON [RUNS] [THREADS]');
     process.exit(1);
 }
 const runs = Number(runsText ?? 5);
+const threads = Number(threadsText ?? 1);
 const p = JSON.parse(readFileSync(libraryJson, 'utf8')).params;
 
 // A DOUBLE literal, so that the comparison is between doubles.
@@ -79,9 +80,9 @@ const requests = {
     symbol_average: `SELECT max(average) FROM (SELECT avg(size) AS average FROM trades GROUP BY symbol)`,
 };
 
-const instance = await DuckDBInstance.create(':memory:', { threads: '1' });
+const instance = await DuckDBInstance.create(':memory:', { threads: String(threads) });
 const connection = await instance.connect();
-await connection.run('SET threads = 1');
+await connection.run(`SET threads = ${threads}`);
 await connection.run('CREATE TABLE tape (ts TIMESTAMP, price DOUBLE, size INTEGER, symbol USMALLINT, pos BIGINT)');
 
 // The column files are the memory images DuckDB keeps (TIMESTAMP is int64
@@ -142,4 +143,4 @@ for (const [key, sql] of Object.entries(requests)) {
     results.push(`    "${key}": {"value": ${jsonValue(value)}, "seconds": ${best.toFixed(9)}, "sql": ${JSON.stringify(sql)}}`);
 }
 const version = (await connection.runAndReadAll('SELECT version()')).getRows()[0][0];
-console.log(`{\n  "tool": "DuckDB ${version}",\n  "rows": ${rows},\n  "results": {\n${results.join(',\n')}\n  }\n}`);
+console.log(`{\n  "tool": "DuckDB ${version}, ${threads} thread${threads === 1 ? '' : 's'}",\n  "rows": ${rows},\n  "results": {\n${results.join(',\n')}\n  }\n}`);

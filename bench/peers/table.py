@@ -1,10 +1,12 @@
-"""Checks that the library (from C++ and from Python), DuckDB and numpy
-agree on every request, then prints the time per row of each and the others'
-time ratios to the library's.
+"""Checks that the library (from C++ and from Python), DuckDB, numpy, pandas and
+Polars agree on every request, then prints the time per row of each, the best
+peer on one thread and on every core, and the library's time ratios to them.
 
-    /usr/bin/python3 table.py LIBRARY_JSON PYTHON_JSON DUCKDB_JSON NUMPY_JSON [...]
+    /usr/bin/python3 table.py LIBRARY PYTHON DUCKDB DUCKDB_ALL NUMPY PANDAS POLARS POLARS_ALL [...]
 
-The files come in rounds of four (library, Python, DuckDB, numpy), each round
+The files (JSON) come in rounds of eight, in that order (the library from C++
+on one thread, from Python on every core, DuckDB on one thread and on every
+core, numpy, pandas, Polars on one thread and on every core), each round
 a fresh run of every tool on the same tape; a request's time is its best over
 all rounds. Exits with 1 after printing the values when results disagree.
 A peer may report a request as not run (with the reason, printed below the
@@ -81,7 +83,9 @@ def merged(paths, tool):
         else:
             for key, mine in first["results"].items():
                 other = doc["results"][key]
-                if mine["value"] != other["value"]:
+                # On every core, a peer's float sums may add in another order each time.
+                varies = tool.endswith("*") and isinstance(mine["value"], float)
+                if mine["value"] != other["value"] and not varies:
                     sys.exit(f"{tool} gave {key} as {mine['value']!r} and {other['value']!r}")
                 if "not_run" not in mine:
                     mine["seconds"] = min(mine["seconds"], other["seconds"])
@@ -89,13 +93,14 @@ def merged(paths, tool):
     return first
 
 
-TOOLS = ("library", "Python", "DuckDB", "numpy")  # the order of the files in a round
+# The order of the files in a round; a * marks a tool on every core.
+TOOLS = ("library", "Python*", "DuckDB", "DuckDB*", "numpy", "pandas", "Polars", "Polars*")
 
 
 def main():
     paths = sys.argv[1:]
     if not paths or len(paths) % len(TOOLS):
-        sys.exit("usage: table.py LIBRARY_JSON PYTHON_JSON DUCKDB_JSON NUMPY_JSON [...]")
+        sys.exit("usage: table.py LIBRARY PYTHON DUCKDB DUCKDB_ALL NUMPY PANDAS POLARS POLARS_ALL [...]")
     library = merged(paths[0::len(TOOLS)], "library")
     peers = [(name, merged(paths[i::len(TOOLS)], name)) for i, name in enumerate(TOOLS) if i]
     rows = library["rows"]
@@ -135,26 +140,31 @@ def main():
     def ns(seconds):
         return seconds * 1e9 / rows if rows else math.nan
 
-    def cells(doc, key, lib):
-        """A peer's ns/row and ratio to the library, or "-" for a request it did not run."""
+    def peer_ns(doc, key):
         result = doc["results"][key]
-        if "not_run" in result:
-            return f"{'-':>8}", f"{'-':>11}"
-        peer = ns(result["seconds"])
-        return f"{peer:>8.3f}", f"{peer / lib:>11.2f}"
+        return math.nan if "not_run" in result else ns(result["seconds"])
+
+    def best(key, all_cores):
+        """The fastest peer (not the library from Python) on one thread or on every core."""
+        times = [(peer_ns(doc, key), name) for name, doc in peers
+                 if name != "Python*" and name.endswith("*") == all_cores and not math.isnan(peer_ns(doc, key))]
+        return min(times) if times else (math.nan, "-")
 
     rounds = library["rounds"]
     runs = f"best of {library['runs']} runs" + (f" in each of {rounds} rounds" if rounds > 1 else "")
-    print(f"{rows} rows; {runs}; " + "; ".join(doc["tool"] for _, doc in peers) + "\n")
+    print(f"{rows} rows; {runs}; " + "; ".join(doc["tool"] for _, doc in peers) + " (* every core)\n")
     names = [name for name, _ in peers]
     print(f"{'request':<40} {'library':>8} {'loop':>8}" + "".join(f" {n:>8}" for n in names)
-          + "".join(f" {n + '/lib':>11}" for n in names))
+          + f" {'best 1':>8} {'lib/best':>8} {'best *':>8} {'Py*/best*':>9}")
     print(f"{'':<40} {'ns/row':>8} {'ns/row':>8}" + f" {'ns/row':>8}" * len(names))
     for r in library["requests"]:
         lib = ns(r["seconds"])
-        cols = [cells(doc, r["key"], lib) for _, doc in peers]
-        print(f"{r['name']:<40} {lib:>8.3f} {ns(r['loop_seconds']):>8.3f}" + "".join(f" {t}" for t, _ in cols)
-              + "".join(f" {ratio}" for _, ratio in cols))
+        cells = "".join(f" {'-':>8}" if math.isnan(t) else f" {t:>8.3f}" for t in (peer_ns(d, r["key"]) for _, d in peers))
+        one_time, one_name = best(r["key"], False)
+        all_time, all_name = best(r["key"], True)
+        python = peer_ns(dict(peers)["Python*"], r["key"])
+        print(f"{r['name']:<40} {lib:>8.3f} {ns(r['loop_seconds']):>8.3f}{cells}"
+              + f" {one_name:>8} {lib / one_time:>8.2f} {all_name:>8} {python / all_time:>9.2f}")
     print("\nAll agree: integers exactly; floating results differ from the library's by")
     for spread in spreads:
         print("  " + spread)

@@ -14,6 +14,8 @@ bytes from any number of partitions, in this process or another.
 
 from __future__ import annotations
 
+import os
+
 from typing import TYPE_CHECKING, Any, Callable, Iterable, Optional, Tuple, Union
 
 import numpy as np
@@ -23,12 +25,14 @@ from . import _core
 if TYPE_CHECKING:
     import pandas as pd
 
-__all__ = ["Error", "Expr", "GroupBy", "RunGroupBy", "array", "parse", "where", "merge", "result", "to_pandas"]
+__all__ = ["Error", "Expr", "GroupBy", "RunGroupBy", "array", "parse", "where", "merge", "result", "to_pandas", "PARTITION_ROWS"]
 
 #: What ``evaluate`` gives: one array, or (keys, aggregates) of a group-by.
 Output = Union[np.ndarray, Tuple[np.ndarray, np.ndarray]]
 #: What ``array`` reads: a one-dimensional numpy array, a pandas Series or Index.
 Column = Union[np.ndarray, "pd.Series", "pd.Index"]
+
+PARTITION_ROWS = _core.PARTITION_ROWS  # rows per partition of a threaded evaluation
 
 
 class Error(Exception):
@@ -349,9 +353,22 @@ class Expr:
         return call
 
     # ---- results ----------------------------------------------------------------
-    def evaluate(self) -> Output:
-        """A numpy array, masked where null (plain when nothing is null); a group-by gives (keys, aggregates)."""
-        return _output(_core.evaluate(self.node), self.boolean)
+    def evaluate(self, threads: Optional[int] = None) -> Output:
+        """A numpy array, masked where null (plain when nothing is null); a group-by gives (keys, aggregates).
+
+        threads: how many threads may evaluate a mergeable request (an
+        aggregate, top-N, first positions or a group-by over arrays through
+        element-wise operators and filters); None for every core, 1 for one
+        pass on this thread. Such a request over more than PARTITION_ROWS
+        rows is split into ceil(rows / PARTITION_ROWS) partitions whatever
+        the number of threads, each prepared on its own, and merged in
+        partition order: the answer is that of the partitions' partial
+        results merged (a float sum rounds by partition, top-N keeps a value
+        found in two partitions once), the same for any threads > 1.
+        """
+        if threads is None:
+            threads = os.cpu_count() or 1
+        return _output(_core.evaluate(self.node, max(1, int(threads))), self.boolean)
 
     to_numpy = evaluate
 
