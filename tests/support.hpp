@@ -60,7 +60,7 @@ QMO_SEQ_GRID_AGGREGATE_OPS(TEST_GRID_) QMO_SEQ_WINDOW_AGGREGATE_OPS(TEST_WINDOW_
 TEST_FAMILY_(top_max) TEST_FAMILY_(top_min) TEST_FAMILY_(top_pos_max) TEST_FAMILY_(top_pos_min)
 TEST_FAMILY_(diff) TEST_FAMILY_(trend) TEST_FAMILY_(cross) TEST_FAMILY_(extrema) TEST_FAMILY_(norm) TEST_FAMILY_(histogram)
 TEST_FAMILY_(thin) TEST_FAMILY_(repeat) TEST_FAMILY_(reverse) TEST_FAMILY_(unique) TEST_FAMILY_(unget)
-TEST_FAMILY_(parse)
+TEST_FAMILY_(parse) TEST_FAMILY_(print) TEST_FAMILY_(print_stream)
 #undef TEST_FAMILY_
 #undef TEST_FN_
 }  // namespace fn
