@@ -510,9 +510,10 @@ QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_PARSE_, )
  *                       the bytes up to the first NUL (bytes after it are
  *                       not kept), read back at the width of the longest
  *                       element.
- * A caller's format must hold exactly one conversion of the element's kind,
- * with any literal text and "%%" around it, else 62 before anything is
- * pulled (also for type 61 and binding 701 checks, which come first):
+ * Checked before anything is pulled: the input's type (61), its binding
+ * (701), the format, then size and buffer (62). A caller's format holds
+ * exactly one conversion of the element's kind, with any literal text and
+ * "%%" around it:
  *   %[flags][width][.precision][length]conversion
  *   integers  d i (as signed for signed types) u o x X (the value's bits at
  *             its own width), flags - + space 0, # with o x X
@@ -524,8 +525,9 @@ QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_PARSE_, )
  *
  * qmo_seq_print_stream_<t>(input, format, write, context) prints the same
  * text, NUL excluded, through write(context, text, length) in pieces of at
- * most QMO_SEQ_PRINT_PIECE bytes, for texts too long to hold at once. A
- * non-zero status from write stops printing and is returned.
+ * most QMO_SEQ_PRINT_PIECE bytes, for texts too long to hold at once; a
+ * null write gives 62. A non-zero status from write stops printing and is
+ * returned.
  *
  * qmo_seq_custom_parse(result, text, elem_type, elem_size, scan, context):
  * a parse source of any element type whose values the caller's scan reads;
