@@ -1,7 +1,6 @@
 // Printing a sequence as the text its parse source reads: "{1,null,3}".
-// Default formats are written with std::to_chars, which is exact for
-// integers and gives the shortest round-tripping text for doubles; a
-// caller's printf format is checked and rewritten before it reaches
+// Default formats round-trip: integers through std::to_chars (inline, exact),
+// floats with 9 and doubles with 17 significant digits; a caller's printf format is checked and rewritten before it reaches
 // snprintf, so printf only ever sees a conversion it is given the right
 // argument for, with width and precision bounded.
 #include "frame/record.hpp"
@@ -171,15 +170,17 @@ char *write_default(char *q, const Iter *in, unsigned i) noexcept {
     } else {
         const value_t<E> v = tile<value_t<E>>(in)[i];
         if constexpr (E::is_float) {
-            // to_chars writes no payload either, but the sign of a NaN is kept
-            // only if written by hand.
+            // The sign of a NaN reads back, its payload cannot ("%lf" stops at
+            // "nan(").
             if (std::isnan(v)) {
                 if (std::signbit(v)) *q++ = '-';
                 std::memcpy(q, "nan", 3);
                 return q + 3;
             }
-            if constexpr (sizeof v == 4) return std::to_chars(q, q + 32, v, std::chars_format::general, 9).ptr;
-            else return std::to_chars(q, q + 32, v).ptr;
+            // Enough digits to round-trip every value. (std::to_chars would be
+            // shortest, but for floating point it lives in the compiled C++
+            // runtime, which C programs linking the static library lack.)
+            return q + std::snprintf(q, 32, sizeof v == 4 ? "%.9g" : "%.17g", static_cast<double>(v));
         } else {
             return std::to_chars(q, q + 24, v).ptr;
         }

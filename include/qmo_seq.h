@@ -501,7 +501,7 @@ QMO_SEQ_ALL_TYPES(QMO_SEQ_DECLARE_PARSE_, )
  * format is the printf format of one element; null means the default, which
  * reads back to the same value:
  *   integers, datetime  decimal (int8 minimum, uint8 maximum exact)
- *   double              the shortest text that reads back to the same double
+ *   double              17 significant digits, as "%.17g"
  *   float               9 significant digits, as "%.9g"
  *                       (both: -0 kept; inf, -inf; NaN as nan or -nan: the
  *                       sign reads back, the payload does not, a NaN comes
