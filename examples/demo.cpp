@@ -3,8 +3,11 @@
 //
 //   qmo_seq_demo [--rows N] [--seed S] [--csv FILE | --columns DIR]
 //                [--write-csv FILE] [--write-columns DIR] [--runs N] [--json]
+//                [--print FILE]
 #include "requests.hpp"
 #include "trade_tape.hpp"
+
+#include "qmo_seq.h"
 
 #include <algorithm>
 #include <chrono>
@@ -102,10 +105,66 @@ void print_json(const std::vector<Outcome> &outcomes, const tape::Tape &t, int r
     std::printf("  ]\n}\n");
 }
 
+// ---- exporting a result as text and reading it back ----------------------------------
+
+// The 20-trade moving average of the price (a series of the moving_price
+// request), built afresh for each reader.
+struct MovingAverage {
+    qmo_seq_iterator_t prices, series;
+    explicit MovingAverage(const tape::Tape &t) {
+        qmo_seq_unget_double(&prices, t.price.data(), t.rows());
+        qmo_seq_window_agg_avg_double(&series, &prices, requests::kMovingTrades);
+    }
+};
+
+int write_piece(void *file, const char *text, uint64_t length) {
+    return std::fwrite(text, 1, length, static_cast<FILE *>(file)) == length ? 0 : QMO_SEQ_INVALID_ARGUMENT;
+}
+
+// Writes the moving average to `path` as text, reads the file back through the
+// parser and checks every value bit for bit against the series itself.
+int print_and_read_back(const tape::Tape &t, const std::string &path, FILE *info) {
+    FILE *out = std::fopen(path.c_str(), "wb");
+    if (!out) return std::fprintf(stderr, "qmo_seq_demo: cannot open %s\n", path.c_str()), 1;
+    MovingAverage written(t);
+    auto start = Clock::now();
+    int rc = qmo_seq_print_stream_double(&written.series, nullptr, write_piece, out);
+    const double print_s = std::chrono::duration<double>(Clock::now() - start).count();
+    if (std::fclose(out) != 0 && rc == 0) rc = QMO_SEQ_INVALID_ARGUMENT;
+    if (rc != 0) return std::fprintf(stderr, "qmo_seq_demo: printing to %s failed (%d)\n", path.c_str(), rc), 1;
+
+    std::string text;
+    FILE *in = std::fopen(path.c_str(), "rb");
+    if (!in) return std::fprintf(stderr, "qmo_seq_demo: cannot read %s back\n", path.c_str()), 1;
+    char chunk[1 << 16];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, in)) > 0;) text.append(chunk, n);
+    std::fclose(in);
+
+    MovingAverage expected(t);
+    qmo_seq_iterator_t parsed;
+    qmo_seq_parse_double(&parsed, text.c_str());
+    start = Clock::now();
+    std::vector<double> back(t.rows() + 1);
+    uint64_t count = back.size();
+    rc = qmo_seq_get_double(&parsed, back.data(), &count);
+    const double parse_s = std::chrono::duration<double>(Clock::now() - start).count();
+    if (rc != 0 && !(rc == QMO_SEQ_END && t.rows() == 0))
+        return std::fprintf(stderr, "qmo_seq_demo: reading %s back failed (%d)\n", path.c_str(), rc), 1;
+    std::vector<double> want(t.rows() + 1);
+    uint64_t want_count = want.size();
+    qmo_seq_get_double(&expected.series, want.data(), &want_count);
+    const bool same = count == want_count && std::memcmp(back.data(), want.data(), count * sizeof(double)) == 0;
+    std::fprintf(info, "%s: %llu moving averages of the price as %zu bytes of text; printed in %.3f s, parsed in %.3f s\n",
+                 path.c_str(), static_cast<unsigned long long>(count), text.size(), print_s, parse_s);
+    std::fprintf(info, "read back through the parser: %s\n", same ? "every value identical" : "VALUES DIFFER");
+    return same ? 0 : 3;
+}
+
 void usage() {
     std::fprintf(stderr,
                  "usage: qmo_seq_demo [--rows N] [--seed S] [--csv FILE | --columns DIR]\n"
                  "                    [--write-csv FILE] [--write-columns DIR] [--runs N] [--json]\n"
+                 "                    [--print FILE]\n"
                  "  --rows N             generate N trades (default 10000000)\n"
                  "  --seed S             seed of the generated tape (default 42)\n"
                  "  --csv FILE           read the tape from FILE (header ts,price,size,symbol)\n"
@@ -114,7 +173,9 @@ void usage() {
                  "  --write-columns DIR  write the tape as raw little-endian columns (ts.u64,\n"
                  "                       price.f64, size.i32, symbol.u16) into DIR and exit\n"
                  "  --runs N             time each request as the best of N runs (default 3)\n"
-                 "  --json               print results and times as JSON instead of a table\n");
+                 "  --json               print results and times as JSON instead of a table\n"
+                 "  --print FILE         write the moving average of the price to FILE as text,\n"
+                 "                       read it back through the parser, compare, and exit\n");
 }
 
 bool parse_count(const char *text, unsigned long long &value) {
@@ -128,7 +189,7 @@ bool parse_count(const char *text, unsigned long long &value) {
 int main(int argc, char **argv) {
     unsigned long long rows = 10'000'000, runs = 3;
     uint64_t seed = 42;
-    std::string csv, columns, write_csv, write_columns;
+    std::string csv, columns, write_csv, write_columns, print_file;
     bool json = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -147,6 +208,8 @@ int main(int argc, char **argv) {
             write_columns = argv[++i];
         } else if (arg == "--runs" && has_value) {
             if (!parse_count(argv[++i], runs) || runs == 0 || runs > 1000) return usage(), 1;
+        } else if (arg == "--print" && has_value) {
+            print_file = argv[++i];
         } else if (arg == "--json") {
             json = true;
         } else {
@@ -183,6 +246,8 @@ int main(int argc, char **argv) {
             if (!target->empty()) std::fprintf(info, "written to %s\n", target->c_str());
         return 0;
     }
+
+    if (!print_file.empty()) return print_and_read_back(t, print_file, info);
 
     std::vector<Outcome> outcomes;
     bool all_agree = true;

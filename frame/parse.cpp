@@ -1,23 +1,14 @@
 // Parse sources: a literal list such as {1, 2, null, 4} read as a sequence,
-// 128 elements per pull. The record keeps the current text position in
-// state[0] and the start of the list in state[1]; the text is not copied.
+// 128 elements per pull, each element read by the type's scan format (char:
+// a quoted string or a bare word). The list syntax is frame/list.hpp's.
 #include "frame/construct.hpp"
+#include "frame/list.hpp"
 #include "frame/scan.hpp"
 
 namespace qmo {
 namespace {
 
-const char *text_at(const Iter *it) noexcept {
-    return reinterpret_cast<const char *>(static_cast<uintptr_t>(it->state[0]));
-}
-uint64_t text_word(const char *p) noexcept {
-    return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p));
-}
-
-// Byte by byte, so a text ending in "nu" is never read past its NUL.
-bool at_null_word(const char *p) noexcept {
-    return p[0] == 'n' && p[1] == 'u' && p[2] == 'l' && p[3] == 'l';
-}
+using list::at_null_word;
 
 bool ends_word(char c) noexcept {
     return c == '\0' || c == ',' || c == '{' || c == '}' || c == '"' || scan::is_blank(c);
@@ -43,9 +34,9 @@ const char *read_word(const char *p, Emit &&emit) noexcept {
     return p == start ? nullptr : p;
 }
 
-// Reads the value of slot k at p; returns the text after it, or null.
+// Reads the value of slot k at p.
 template <class E>
-const char *read_element(Iter *it, unsigned k, const char *p) noexcept {
+list::Read read_element(Iter *it, unsigned k, const char *p) noexcept {
     if constexpr (E::is_char) {
         const unsigned w = it->elem_size;
         char *out = tile<char>(it) + size_t{k} * w;
@@ -55,46 +46,21 @@ const char *read_element(Iter *it, unsigned k, const char *p) noexcept {
             if (n < w) out[n++] = c;
             else fits = false;
         });
-        if (!p || !fits) return nullptr;
+        if (!p || !fits) return {nullptr, QMO_SEQ_INVALID_ARGUMENT};
         std::memset(out + n, 0, w - n);
-        return p;
+        return {p, QMO_SEQ_OK};
     } else {
         typename scan::Format<E>::type wide;
         size_t used;
-        if (!scan::read<E>(p, wide, used)) return nullptr;
+        if (!scan::read<E>(p, wide, used)) return {nullptr, QMO_SEQ_INVALID_ARGUMENT};
         tile<value_t<E>>(it)[k] = static_cast<value_t<E>>(wide);
-        return p + used;
+        return {p + used, QMO_SEQ_OK};
     }
-}
-
-template <class E>
-void clear_element(Iter *it, unsigned k) noexcept {
-    if constexpr (E::is_char) std::memset(tile<char>(it) + size_t{k} * it->elem_size, 0, it->elem_size);
-    else tile<value_t<E>>(it)[k] = value_t<E>{};
 }
 
 template <class E>
 int parse_next(Iter *it) noexcept {
-    const char *p = text_at(it);
-    clear_nulls(it);
-    unsigned k = 0;
-    for (; k < kTile && *p != '}' && *p != '\0'; ++k) {
-        if (at_null_word(p)) {
-            set_null(it, k);
-            clear_element<E>(it, k);
-            p += 4;
-        } else if (!(p = read_element<E>(it, k, p))) {
-            it->tile_count = 0;  // the position stays where this call began
-            return QMO_SEQ_INVALID_ARGUMENT;
-        }
-        if (*p == ',') ++p;
-    }
-    it->state[0] = text_word(p);
-    if (k == 0) {
-        it->tile_count = 0;
-        return QMO_SEQ_END;
-    }
-    return deliver(it, k);
+    return list::next_tile(it, elem_width<E>(it), [it](unsigned k, const char *p) { return read_element<E>(it, k, p); });
 }
 
 // The longest char element of the list, walking it as next will; stops at the
@@ -117,13 +83,12 @@ unsigned longest_word(const char *p) noexcept {
 
 template <class E>
 int parse(Iter *result, const char *text, qmo_seq_next_fn next) noexcept {
-    if (!text) text = "";
-    if (*text == '{') ++text;
+    text = list::list_start(text);
     unsigned size;
     if constexpr (E::is_char) size = longest_word(text);
     else size = E::size;
     fill(result, Setup{E::code, size, next, qmo_seq_reset_parse_iterator});
-    result->state[0] = result->state[1] = text_word(text);
+    result->state[0] = result->state[1] = list::text_word(text);
     return QMO_SEQ_OK;
 }
 

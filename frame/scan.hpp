@@ -49,11 +49,13 @@ inline bool numeric_char(char ch) noexcept {
 // that token costs the rest of the text).
 inline constexpr size_t kTokenMax = 512;
 
-// [+-]digits with at most `max_digits` digits and no leading zero (which
-// would make %i read octal): the value, as the scan would store it.
+// [+-]digits with at most 18 digits and no leading zero (which would make
+// %i read octal): the value, as the scan would store it. The scan reads
+// into a 64-bit long and stores the low bits for int and unsigned, so a
+// 10-digit int4 wraps here as there.
 template <class W>
 inline bool plain_integer(const char *s, size_t n, W &out) noexcept {
-    constexpr unsigned max_digits = sizeof(W) == 8 ? 18 : 9;
+    constexpr unsigned max_digits = 18;
     size_t i = 0;
     bool negative = false;
     if (n && (s[0] == '+' || s[0] == '-')) {

@@ -636,6 +636,97 @@ QMO_SEQ_CONVERSION_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 QMO_SEQ_PARSE_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
+ * Text out, and text in through a caller's token reader.
+ *
+ * qmo_seq_print_<t>(input, buffer, &size, format), for every type t, drains
+ * input (from its cursor, as the element readers do) and writes the text
+ * qmo_seq_parse_<t> reads: "{", elements separated by ",", null for a null
+ * element, "}", then a NUL. *size is in: the buffer's capacity in bytes; out:
+ * the text's length without the NUL. When the text and its NUL do not fit,
+ * the result is 62 with *size = the capacity needed (length + 1); the buffer
+ * then holds a NUL-terminated prefix and nothing is ever written past its
+ * capacity. To measure first, pass *size 0 (buffer may be null), reset the
+ * input, and print again. Statuses of the input are passed up (*size is then
+ * unchanged). Nothing is allocated.
+ *
+ * format is the printf format of one element; null means the default, which
+ * reads back to the same value:
+ *   integers, datetime  decimal (int8 minimum, uint8 maximum exact)
+ *   double              17 significant digits, as "%.17g"
+ *   float               9 significant digits, as "%.9g"
+ *                       (both: -0 kept; inf, -inf; NaN as nan or -nan: the
+ *                       sign reads back, the payload does not, a NaN comes
+ *                       back as the quiet NaN of that sign)
+ *   char                double-quoted, '"' and '\' escaped with a backslash;
+ *                       the bytes up to the first NUL (bytes after it are
+ *                       not kept), read back at the width of the longest
+ *                       element.
+ * Checked before anything is pulled: the input's type (61), its binding
+ * (701), the format, then size and buffer (62). A caller's format holds
+ * exactly one conversion of the element's kind, with any literal text and
+ * "%%" around it:
+ *   %[flags][width][.precision][length]conversion
+ *   integers  d i (as signed for signed types) u o x X (the value's bits at
+ *             its own width), flags - + space 0, # with o x X
+ *   float, double  f F e E g G a A, flags - + space 0 #
+ *   char      s, flag - (bytes up to the first NUL, printed unquoted)
+ * width and precision are at most 99 (no "*"); a length modifier (hh h l ll
+ * j z t; l for floats) is accepted and ignored: the element is printed at
+ * its own width. The format is at most 128 bytes.
+ *
+ * qmo_seq_print_stream_<t>(input, format, write, context) prints the same
+ * text, NUL excluded, through write(context, text, length) in pieces of at
+ * most QMO_SEQ_PRINT_PIECE bytes, for texts too long to hold at once; a
+ * null write gives 62. A non-zero status from write stops printing and is
+ * returned.
+ *
+ * qmo_seq_custom_parse(result, text, elem_type, elem_size, scan, context):
+ * a parse source of any element type whose values the caller's scan reads;
+ * next qmo_seq_custom_parse_next, reset qmo_seq_reset_custom_parse_iterator.
+ * The list syntax is qmo_seq_parse_<t>'s: braces, single commas, the word
+ * null directly at an element's start, and a refused token loses that
+ * call's tile and keeps the text position. Before each value blanks are
+ * skipped, the element's slot (elem_size bytes) is zeroed, and
+ * scan(context, token, slot, &consumed) is called with the text at the
+ * token; it returns 0 (a value, written to the slot), QMO_SEQ_NULL_VALUE (a
+ * null token) or 62 (not a token; any other status refuses likewise and is
+ * passed up), and sets consumed to the characters it read: at least 1 and
+ * not past the text's NUL, else 62. elem_type is a type code (61 for other
+ * values); elem_size the type's size, or 1..QMO_SEQ_MAX_CHAR_WIDTH for char
+ * (62); scan must not be null (62). The text is not copied; state[0] is the
+ * current position, state[1] the start, state[2] scan, state[3] context.
+ * ---------------------------------------------------------------------- */
+
+/** Largest piece handed to a qmo_seq_write_fn. */
+#define QMO_SEQ_PRINT_PIECE 16384
+
+typedef int (*qmo_seq_write_fn)(void *context, const char *text, uint64_t length);
+typedef int (*qmo_seq_scan_fn)(void *context, const char *token, void *value, uint64_t *consumed);
+
+/** (input, buffer, size, format): the text into a caller's buffer. */
+#define QMO_SEQ_DECLARE_PRINT_(family, t, ctype, code)                                           \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *input, char *buffer, uint64_t *size, \
+                                           const char *format);
+#define QMO_SEQ_KIND_PRINT TYPED
+#define QMO_SEQ_MERGE_PRINT NONE
+/** (input, format, write, context): the text in pieces through a caller's function. */
+#define QMO_SEQ_DECLARE_PRINT_STREAM_(family, t, ctype, code)                                    \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *input, const char *format,       \
+                                           qmo_seq_write_fn write, void *context);
+#define QMO_SEQ_KIND_PRINT_STREAM TYPED
+#define QMO_SEQ_MERGE_PRINT_STREAM NONE
+#define QMO_SEQ_SINGLE_custom_parse                                                                   \
+    QMO_SEQ_API int qmo_seq_custom_parse(qmo_seq_iterator_t *result, const char *text, int elem_type, \
+                                         size_t elem_size, qmo_seq_scan_fn scan, void *context);      \
+    QMO_SEQ_API int qmo_seq_custom_parse_next(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_TEXT_FAMILIES(X)                                                                          \
+    X(print, PRINT, QMO_SEQ_ALL_TYPES, 0, "61 701 62", "the text a parse source reads, into a buffer")   \
+    X(print_stream, PRINT_STREAM, QMO_SEQ_ALL_TYPES, 0, "61 701 62, write's status", "the same text in pieces through a caller's function") \
+    X(custom_parse, SINGLE, QMO_SEQ_UNTYPED, 0, "61 62 703", "a parse source whose values a caller's function reads")
+QMO_SEQ_TEXT_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+/* ------------------------------------------------------------------------
  * Pattern matching: qmo_seq_match(result, input, pattern), next
  * qmo_seq_match_next, reset qmo_seq_reset_unary_iterator. The input must be
  * char (61); binding check (701); a null pattern gives 62. The pattern is not
@@ -1793,7 +1884,7 @@ QMO_SEQ_ALIGN_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 #define QMO_SEQ_FAMILIES(X)                                                                        \
     QMO_SEQ_CORE_FAMILIES(X) QMO_SEQ_FRAME_FAMILIES(X) QMO_SEQ_READER_FAMILIES(X) QMO_SEQ_CONST_FAMILIES(X)                  \
     QMO_SEQ_SOURCE_FAMILIES(X) QMO_SEQ_PLUMBING_FAMILIES(X) QMO_SEQ_META_FAMILIES(X)              \
-    QMO_SEQ_CONVERSION_FAMILIES(X) QMO_SEQ_PARSE_FAMILIES(X) QMO_SEQ_MATCH_FAMILIES(X)            \
+    QMO_SEQ_CONVERSION_FAMILIES(X) QMO_SEQ_PARSE_FAMILIES(X) QMO_SEQ_TEXT_FAMILIES(X) QMO_SEQ_MATCH_FAMILIES(X)            \
     QMO_SEQ_ARITHMETIC_FAMILIES(X) QMO_SEQ_COMPARISON_FAMILIES(X) QMO_SEQ_CONDITIONAL_FAMILIES(X) \
     QMO_SEQ_FILTER_FAMILIES(X) QMO_SEQ_RESHAPE_FAMILIES(X) QMO_SEQ_ANALYTICS_FAMILIES(X)          \
     QMO_SEQ_SCALAR_FAMILIES(X) QMO_SEQ_PAIR_FAMILIES(X) QMO_SEQ_PARTIAL_RESULT_FAMILIES(X) QMO_SEQ_GRID_FAMILIES(X)        \
@@ -1803,7 +1894,7 @@ QMO_SEQ_ALIGN_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /** The groups by name, X(group): docs/reference.md gives one section to each. */
 #define QMO_SEQ_FAMILY_GROUPS(X)                                                              \
-    X(CORE) X(FRAME) X(READER) X(CONST) X(SOURCE) X(PLUMBING) X(META) X(CONVERSION) X(PARSE) X(MATCH)  \
+    X(CORE) X(FRAME) X(READER) X(CONST) X(SOURCE) X(PLUMBING) X(META) X(CONVERSION) X(PARSE) X(TEXT) X(MATCH)  \
     X(ARITHMETIC) X(COMPARISON) X(CONDITIONAL) X(FILTER) X(RESHAPE) X(ANALYTICS) X(SCALAR) X(PAIR) \
     X(PARTIAL_RESULT) X(GRID) X(WINDOW) X(CUMULATIVE) X(RUN) X(HASH) X(TOP) X(SORT) X(ALIGN)
 

@@ -21,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -46,9 +47,38 @@ void check(int status) {
 
 // ---- plans: the records of one evaluation ----------------------------------------------------
 
+// A Python scanner of a custom parse, called back from the library's next.
+// Its exception cannot cross the library, so it waits here until the pull
+// returns to this module.
+struct ScanContext {
+    py::object scan;  // scan(offset) -> None | (bytes or None, consumed)
+    const char *text;
+    size_t width;
+    std::exception_ptr error;
+
+    static int call(void *c, const char *token, void *value, uint64_t *consumed) {
+        auto *ctx = static_cast<ScanContext *>(c);
+        py::gil_scoped_acquire gil;
+        try {
+            py::object r = ctx->scan(static_cast<size_t>(token - ctx->text));
+            if (r.is_none()) return QMO_SEQ_INVALID_ARGUMENT;
+            const auto found = r.cast<py::tuple>();
+            *consumed = found[1].cast<uint64_t>();
+            if (found[0].is_none()) return QMO_SEQ_NULL_VALUE;
+            const std::string bytes = found[0].cast<std::string>();
+            std::memcpy(value, bytes.data(), std::min(bytes.size(), ctx->width));
+            return QMO_SEQ_OK;
+        } catch (...) {
+            ctx->error = std::current_exception();
+            return QMO_SEQ_INVALID_ARGUMENT;
+        }
+    }
+};
+
 struct Plan {
     bool probe = false;  // sources of length 0: only the result types are wanted
     uint64_t from = 0, till = ~uint64_t{0};  // the rows of every array source this plan reads
+    std::vector<std::shared_ptr<ScanContext>> scans;
     std::deque<Iter> records;
     std::unordered_map<const Iter *, Iter *> groups;  // a hash aggregate's group output
     std::vector<Iter *> hashes;
@@ -60,6 +90,11 @@ struct Plan {
         for (auto [reset, it] : resets) reset(it);
     }
     Iter *record() { return &records.emplace_back(); }
+    // A scanner's exception, in place of the status it made the pull return.
+    void rethrow_scan_error() const {
+        for (const auto &s : scans)
+            if (s->error) std::rethrow_exception(s->error);
+    }
 };
 
 // Counts, or typed scalars (bounds, fillers, kinds) as the bits of their
@@ -133,6 +168,7 @@ std::array<std::array<Make, kTypeCodes>, kTypeCodes> conversions{};
 using Sort = void (*)(const void *, uint64_t *, uint64_t, int);
 std::array<Sort, kTypeCodes> sorts{};
 std::array<int (*)(Iter *, const char *), kTypeCodes> parsers{};
+std::array<int (*)(Iter *, const char *, qmo_seq_write_fn, void *), kTypeCodes> printers{};
 
 // Hash aggregates: a second record for the groups, released with the plan.
 template <class F>
@@ -188,6 +224,8 @@ Make hashed(F f, bool with_values) {
         qmo_seq_##family##_##t(static_cast<const ctype *>(v), perm, n, order);                           \
     };
 #define QMO_PY_PARSE(family, t, ctype, code) parsers[code] = qmo_seq_##family##_##t;
+#define QMO_PY_PRINT(family, t, ctype, code)
+#define QMO_PY_PRINT_STREAM(family, t, ctype, code) printers[code] = qmo_seq_##family##_##t;
 #define QMO_PY_CONVERSION(family, pair, uctype, ucode) QMO_PY_CONVERSION_I_(QMO_SEQ_EXPAND pair, ucode)
 #define QMO_PY_CONVERSION_I_(...) QMO_PY_CONVERSION_II_(__VA_ARGS__)
 #define QMO_PY_CONVERSION_II_(t, u, tcode, ucode)                                                        \
@@ -355,6 +393,19 @@ NodePtr parse_node(int type, std::string text) {
     return finish(node);
 }
 
+NodePtr custom_parse_node(int type, size_t width, std::string text, py::function scan) {
+    auto node = std::make_shared<Node>();
+    auto owned = std::make_shared<const std::string>(std::move(text));
+    node->keep = scan;
+    node->make = [=](Plan &plan, Iter *r, Iter *const *, const Params &) {
+        auto ctx = std::make_shared<ScanContext>(ScanContext{scan, owned->c_str(), width, nullptr});
+        const int rc = qmo_seq_custom_parse(r, owned->c_str(), type, width, &ScanContext::call, ctx.get());
+        if (rc == QMO_SEQ_OK) plan.scans.push_back(std::move(ctx));
+        return rc;
+    };
+    return finish(node);
+}
+
 NodePtr match_node(NodePtr input, std::string pattern) {
     auto node = std::make_shared<Node>();
     auto owned = std::make_shared<const std::string>(std::move(pattern));
@@ -428,10 +479,9 @@ static_assert(kPartitionRows % 64 == 0);
 const std::set<std::string> &row_operators() {
     static const std::set<std::string> names = [] {
         std::set<std::string> n = {"constant", "convert", "match", "and", "or", "xor", "not", "iif", "filter"};
-#define QMO_PY_ROW_OP_(op) n.insert(#op);
-        QMO_SEQ_ARITHMETIC_OPS(QMO_PY_ROW_OP_)
-        QMO_SEQ_COMPARISON_OPS(QMO_PY_ROW_OP_)
-        QMO_SEQ_SIGN_OPS(QMO_PY_ROW_OP_)
+#define QMO_PY_ROW_OP_(family, shape, types, partial, statuses, doc) n.insert(#family);
+        QMO_SEQ_ARITHMETIC_FAMILIES(QMO_PY_ROW_OP_)
+        QMO_SEQ_COMPARISON_FAMILIES(QMO_PY_ROW_OP_)
 #undef QMO_PY_ROW_OP_
         return n;
     }();
@@ -513,7 +563,38 @@ py::object evaluate(const NodePtr &node, unsigned threads) {
         if (const uint64_t rows = partitionable_rows(*node); rows > kPartitionRows)
             return evaluate_partitioned(node, rows, threads);
     Plan plan;
-    return pull(plan, node->build(plan));
+    try {
+        return pull(plan, node->build(plan));
+    } catch (const StatusError &) {
+        plan.rethrow_scan_error();
+        throw;
+    }
+}
+
+int append_text(void *out, const char *text, uint64_t length) {
+    static_cast<std::string *>(out)->append(text, length);
+    return QMO_SEQ_OK;
+}
+
+// The text form of the sequence; bytes that are not UTF-8 (char elements)
+// come back as surrogate escapes, which parse() encodes back.
+py::str to_text(const NodePtr &node, std::optional<std::string> format) {
+    Plan plan;
+    Iter *root = node->build(plan);
+    if (!printers[root->elem_type]) throw StatusError{QMO_SEQ_TYPE_MISMATCH};
+    std::string out;
+    int rc;
+    {
+        py::gil_scoped_release unlocked;
+        rc = printers[root->elem_type](root, format ? format->c_str() : nullptr, append_text, &out);
+    }
+    if (rc != QMO_SEQ_OK) {
+        plan.rethrow_scan_error();
+        throw StatusError{rc};
+    }
+    PyObject *text = PyUnicode_DecodeUTF8(out.data(), static_cast<py::ssize_t>(out.size()), "surrogateescape");
+    if (!text) throw py::error_already_set();
+    return py::reinterpret_steal<py::str>(text);
 }
 
 // ---- partial results ---------------------------------------------------------------------------
@@ -671,6 +752,8 @@ PYBIND11_MODULE(_core, m) {
     m.def("op", &op_node, py::arg("name"), py::arg("operands"), py::arg("params") = Params{});
     m.def("convert", &convert_node);
     m.def("parse", &parse_node);
+    m.def("custom_parse", &custom_parse_node);
+    m.def("to_text", &to_text, py::arg("node"), py::arg("format") = py::none());
     m.def("match", &match_node);
     m.def("has_op", [](const std::string &name) { return ops.count(name) > 0; });
     m.def("evaluate", &evaluate, py::arg("node"), py::arg("threads") = 1);

@@ -376,6 +376,14 @@ class Expr:
         """The result as a pandas Series (see ``qmo_seq.to_pandas``)."""
         return to_pandas(self.evaluate())
 
+    def to_text(self, format: Optional[str] = None) -> str:
+        """The sequence as text that parse() reads back to the same values: "{1,null,3}".
+
+        format: a printf format of one element ("%.2f", "%08x", "[%s]"); None
+        gives each type's round-tripping default.
+        """
+        return _core.to_text(self.node, format)
+
     def __array__(self, dtype=None):
         return np.asarray(self.evaluate(), dtype=dtype)
 
@@ -483,10 +491,39 @@ class RunGroupBy:
         return Expr(_core.op("group_agg_wavg", [weights.node, self.values.node, self.keys.node]))
 
 
-def parse(text: Union[str, bytes], dtype: Any) -> Expr:
-    """A sequence of dtype read from text such as "{1,2,null}" (the library's text form)."""
+def parse(text: Union[str, bytes], dtype: Any, scan: Optional[Callable[[str, int], Any]] = None) -> Expr:
+    """A sequence of dtype read from text such as "{1,2,null}" (the library's text form).
+
+    scan: reads tokens the built-in scans cannot (dates, currencies, names).
+    scan(text, at) reads the token starting at text[at] and returns
+    (value, consumed), with value None for a null, or None when there is no
+    token there (the library's status 62). The list syntax (braces, commas,
+    the word null) stays the library's.
+    """
+    dtype = np.dtype(dtype)
     code = _code_of(dtype)
-    return Expr(_core.parse(code, text), np.dtype(dtype) == np.bool_)
+    data = text.encode("utf-8", "surrogateescape") if isinstance(text, str) else bytes(text)
+    if scan is None:
+        return Expr(_core.parse(code, data), dtype == np.bool_)
+    if isinstance(text, str) and len(data) != len(text):
+        # Byte offsets of the library to character offsets of the text, and back.
+        char_at = np.repeat(np.arange(len(text)), [len(c.encode("utf-8", "surrogateescape")) for c in text])
+        byte_at = np.concatenate([[0], np.cumsum([len(c.encode("utf-8", "surrogateescape")) for c in text])])
+    else:
+        char_at = byte_at = None
+
+    def token(offset):
+        at = offset if char_at is None or offset >= len(char_at) else int(char_at[offset])
+        if char_at is not None and offset >= len(char_at):
+            at = len(text)
+        found = scan(text, at)
+        if found is None:
+            return None
+        value, used = found
+        consumed = used if byte_at is None else int(byte_at[min(at + used, len(text))]) - offset
+        return (None if value is None else np.array(value, dtype=dtype).tobytes(), consumed)
+
+    return Expr(_core.custom_parse(code, dtype.itemsize, data, token), dtype == np.bool_)
 
 
 def array(values: Column, mask: Optional[Any] = None, offset: int = 0) -> Expr:

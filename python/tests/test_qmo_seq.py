@@ -131,6 +131,47 @@ def test_reshaping_analytics_runs_stretch_and_text_reach_their_members():
     np.testing.assert_array_equal(q.parse("{1,2,null,-4}", "i8").evaluate(), np.ma.MaskedArray([1, 2, 0, -4], [0, 0, 1, 0]))
 
 
+@pytest.mark.parametrize("dtype", NUMERIC + ["S6"])
+def test_text_round_trip(dtype):
+    if dtype == "S6":
+        values = np.array([b'a"b', b"\\", b"x, y", b"", b"null", b"\xff\xfe"], dtype="S6")
+    elif dtype in ("f4", "f8"):
+        values = np.array([0.1, -0.0, np.inf, -np.inf, np.nan, np.finfo(dtype).max, np.finfo(dtype).tiny], dtype=dtype)
+    else:
+        values = values_of(dtype, 200)
+    mask = np.arange(len(values)) % 5 == 2
+    text = q.array(values, mask).to_text()
+    back = q.parse(text, dtype).evaluate()
+    np.testing.assert_array_equal(np.ma.getmaskarray(back), mask)
+    # char comes back at the width of its longest element
+    assert np.ma.getdata(back).astype(values.dtype)[~mask].tobytes() == values[~mask].tobytes()
+
+
+def test_text_formats_and_custom_scans():
+    assert q.array(np.array([1.5, 2.25])).to_text("%.1f") == "{1.5,2.2}"
+    with pytest.raises(q.Error) as refused:
+        q.array(np.array([1, 2])).to_text("%d %d")
+    assert refused.value.status == 62
+
+    def iso(text, at):  # ISO-8601 date-times; "-" is a null
+        if text[at] == "-":
+            return None, 1
+        end = text.find("Z", at)
+        return (None if end < 0 else (np.datetime64(text[at:end], "ns"), end + 1 - at))
+
+    stamps = q.parse("{2026-11-25T16:51:38Z,-, 1970-01-01T00:00:00.5Z}", "M8[ns]", scan=iso).evaluate()
+    np.testing.assert_array_equal(np.ma.getmaskarray(stamps), [False, True, False])
+    assert stamps[0] == np.datetime64("2026-11-25T16:51:38", "ns") and stamps[2] == np.datetime64(500_000_000, "ns")
+
+    prices = q.parse("{€1.50,€20,null}", "f8", scan=lambda t, at: (float(t[at + 1:].split(",")[0].rstrip("}")),
+                                                                  len(t[at:].split(",")[0].rstrip("}"))))
+    np.testing.assert_array_equal(prices.evaluate(), np.ma.MaskedArray([1.5, 20.0, 0], [0, 0, 1]))
+    with pytest.raises(q.Error):
+        q.parse("{x}", "i4", scan=lambda t, at: None).evaluate()
+    with pytest.raises(ZeroDivisionError):
+        q.parse("{1}", "i4", scan=lambda t, at: (1 // 0, 1)).evaluate()
+
+
 def test_group_by_gives_keys_and_aggregates():
     keys = np.array([b"b", b"a", b"b", b"c"] * 50, dtype="S1")
     vals = np.arange(200, dtype=np.int16)

@@ -1,0 +1,305 @@
+// Printing a sequence as the text its parse source reads: "{1,null,3}".
+// Default formats round-trip: integers through std::to_chars (inline, exact),
+// floats with 9 and doubles with 17 significant digits; a caller's printf format is checked and rewritten before it reaches
+// snprintf, so printf only ever sees a conversion it is given the right
+// argument for, with width and precision bounded.
+#include "frame/record.hpp"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+
+namespace qmo {
+namespace {
+
+constexpr size_t kFormatMax = 128;
+// Room for one element and its comma: a bounded format's longest output
+// (%f of the largest double at precision 99 is 410 characters, plus up to
+// kFormatMax of literal text) fits with margin.
+constexpr size_t kElementMax = 1024;
+
+enum class Kind { signed_int, unsigned_int, floating, text };
+
+template <class E>
+constexpr Kind kind_of() {
+    if constexpr (E::is_char) return Kind::text;
+    else if constexpr (E::is_float) return Kind::floating;
+    else if constexpr (E::is_signed) return Kind::signed_int;
+    else return Kind::unsigned_int;
+}
+
+// A checked format rewritten with the length modifier of the argument it
+// will get; as_unsigned: a signed element printed by an unsigned conversion.
+struct Spec {
+    char text[kFormatMax + 8];
+    bool as_unsigned = false;
+};
+
+bool has(const char *set, char c) noexcept { return c != '\0' && std::strchr(set, c) != nullptr; }
+
+// At most two digits at f[i]; false when a third follows.
+bool bounded_number(const char *f, size_t &i) noexcept {
+    for (int digits = 0; f[i] >= '0' && f[i] <= '9'; ++i)
+        if (++digits > 2) return false;
+    return true;
+}
+
+bool check_format(const char *f, Kind kind, Spec &spec) noexcept {
+    // The rewrite adds at most two bytes ("ll" where no modifier was given).
+    if (strnlen(f, kFormatMax + 1) > kFormatMax) return false;
+    size_t i = 0, o = 0;
+    int conversions = 0;
+    while (f[i] != '\0') {
+        if (f[i] != '%') {
+            spec.text[o++] = f[i++];
+            continue;
+        }
+        if (f[i + 1] == '%') {
+            spec.text[o++] = '%';
+            spec.text[o++] = '%';
+            i += 2;
+            continue;
+        }
+        if (++conversions > 1) return false;
+        const size_t start = i++;
+        bool alternate = false, flags_ok = true;
+        while (has("-+ #0", f[i])) {
+            alternate |= f[i] == '#';
+            if (kind == Kind::text && f[i] != '-') flags_ok = false;
+            ++i;
+        }
+        if (!flags_ok || !bounded_number(f, i)) return false;
+        if (f[i] == '.' && !bounded_number(f, ++i)) return false;
+        const size_t body_end = i;
+        // Length modifiers: accepted, then replaced by the argument's own.
+        if (kind == Kind::signed_int || kind == Kind::unsigned_int) {
+            if ((f[i] == 'h' && f[i + 1] == 'h') || (f[i] == 'l' && f[i + 1] == 'l')) i += 2;
+            else if (has("hljzt", f[i])) ++i;
+        } else if (kind == Kind::floating && f[i] == 'l') {
+            ++i;
+        }
+        const char c = f[i++];
+        switch (kind) {
+        case Kind::signed_int:
+        case Kind::unsigned_int:
+            if (!has("diuoxX", c) || (alternate && !has("oxX", c))) return false;
+            spec.as_unsigned = kind == Kind::signed_int && !has("di", c);
+            break;
+        case Kind::floating:
+            if (!has("fFeEgGaA", c)) return false;
+            break;
+        case Kind::text:
+            if (c != 's') return false;
+            break;
+        }
+        std::memcpy(spec.text + o, f + start, body_end - start);
+        o += body_end - start;
+        if (kind == Kind::signed_int || kind == Kind::unsigned_int) {
+            spec.text[o++] = 'l';
+            spec.text[o++] = 'l';
+        }
+        spec.text[o++] = c;
+    }
+    if (conversions != 1) return false;
+    spec.text[o] = '\0';
+    return true;
+}
+
+// ---- where the text goes ------------------------------------------------------
+
+// The caller's buffer: text beyond the capacity is only counted. An element
+// that may not fit is written to scratch and copied as far as it fits.
+struct BufferSink {
+    char *buffer;
+    uint64_t capacity, total = 0;
+    char scratch[kElementMax];
+    bool scratched = false;
+
+    BufferSink(char *b, uint64_t c) noexcept : buffer(b), capacity(c) {}
+
+    char *reserve() noexcept {
+        scratched = total + kElementMax > capacity;
+        return scratched ? scratch : buffer + total;
+    }
+    void commit(size_t n) noexcept {
+        if (scratched && total < capacity) {
+            const uint64_t room = capacity - total;
+            std::memcpy(buffer + total, scratch, n < room ? n : room);
+        }
+        total += n;
+    }
+    int status() const noexcept { return QMO_SEQ_OK; }
+};
+
+// The caller's write function, fed in pieces of at most QMO_SEQ_PRINT_PIECE.
+struct StreamSink {
+    qmo_seq_write_fn write;
+    void *context;
+    int failed = QMO_SEQ_OK;
+    size_t used = 0;
+    char piece[QMO_SEQ_PRINT_PIECE];
+
+    StreamSink(qmo_seq_write_fn w, void *c) noexcept : write(w), context(c) {}
+
+    void flush() noexcept {
+        if (used && failed == QMO_SEQ_OK) failed = write(context, piece, used);
+        used = 0;
+    }
+    char *reserve() noexcept {
+        if (used + kElementMax > sizeof piece) flush();
+        return piece + used;
+    }
+    void commit(size_t n) noexcept { used += n; }
+    int status() const noexcept { return failed; }
+};
+
+// ---- one element --------------------------------------------------------------
+
+template <class E>
+char *write_default(char *q, const Iter *in, unsigned i) noexcept {
+    if constexpr (E::is_char) {
+        const unsigned w = in->elem_size;
+        const char *e = tile<char>(in) + size_t{i} * w;
+        *q++ = '"';
+        for (unsigned j = 0; j < w && e[j] != '\0'; ++j) {
+            if (e[j] == '"' || e[j] == '\\') *q++ = '\\';
+            *q++ = e[j];
+        }
+        *q++ = '"';
+        return q;
+    } else {
+        const value_t<E> v = tile<value_t<E>>(in)[i];
+        if constexpr (E::is_float) {
+            // The sign of a NaN reads back, its payload cannot ("%lf" stops at
+            // "nan(").
+            if (std::isnan(v)) {
+                if (std::signbit(v)) *q++ = '-';
+                std::memcpy(q, "nan", 3);
+                return q + 3;
+            }
+            // Enough digits to round-trip every value. (std::to_chars would be
+            // shortest, but for floating point it lives in the compiled C++
+            // runtime, which C programs linking the static library lack.)
+            return q + std::snprintf(q, 32, sizeof v == 4 ? "%.9g" : "%.17g", static_cast<double>(v));
+        } else {
+            return std::to_chars(q, q + 24, v).ptr;
+        }
+    }
+}
+
+template <class E>
+char *write_formatted(char *q, size_t room, const Iter *in, unsigned i, const Spec &spec) noexcept {
+    int n;
+    if constexpr (E::is_char) {
+        const unsigned w = in->elem_size;
+        char copy[QMO_SEQ_MAX_CHAR_WIDTH + 1];
+        std::memcpy(copy, tile<char>(in) + size_t{i} * w, w);
+        copy[w] = '\0';
+        n = std::snprintf(q, room, spec.text, copy);
+    } else {
+        using T = value_t<E>;
+        const T v = tile<T>(in)[i];
+        if constexpr (E::is_float) n = std::snprintf(q, room, spec.text, static_cast<double>(v));
+        else if constexpr (E::is_signed)
+            n = spec.as_unsigned
+                    ? std::snprintf(q, room, spec.text, static_cast<unsigned long long>(static_cast<std::make_unsigned_t<T>>(v)))
+                    : std::snprintf(q, room, spec.text, static_cast<long long>(v));
+        else n = std::snprintf(q, room, spec.text, static_cast<unsigned long long>(v));
+    }
+    // The bounds make both impossible; never count bytes that were not written.
+    if (n < 0) n = 0;
+    if (static_cast<size_t>(n) >= room) n = static_cast<int>(room - 1);
+    return q + n;
+}
+
+// Writes the whole text of `in` from its cursor to `sink`.
+template <class E, class Sink>
+int print_all(Iter *in, const Spec *spec, Sink &sink) noexcept {
+    char *p = sink.reserve();
+    *p = '{';
+    sink.commit(1);
+    bool first = true;
+    unsigned i = in->cursor;
+    for (;;) {
+        if (i >= in->tile_count) {
+            const int rc = in->next(in);
+            if (rc == QMO_SEQ_END) break;
+            if (rc != QMO_SEQ_OK) return rc;
+            i = 0;
+        }
+        const unsigned count = in->tile_count;
+        for (; i < count; ++i) {
+            p = sink.reserve();
+            char *q = p;
+            if (!first) *q++ = ',';
+            first = false;
+            if (is_null(in, i)) {
+                std::memcpy(q, "null", 4);
+                q += 4;
+            } else if (spec) {
+                q = write_formatted<E>(q, kElementMax - static_cast<size_t>(q - p), in, i, *spec);
+            } else {
+                q = write_default<E>(q, in, i);
+            }
+            sink.commit(static_cast<size_t>(q - p));
+        }
+        in->cursor = static_cast<uint16_t>(count);
+        if (int rc = sink.status()) return rc;
+    }
+    p = sink.reserve();
+    *p = '}';
+    sink.commit(1);
+    return sink.status();
+}
+
+// Type and binding of the input, then the format.
+template <class E>
+int check_print(const Iter *in, const char *format, Spec &spec) noexcept {
+    if (int rc = check_readable(in, E::code)) return rc;
+    if (format && !check_format(format, kind_of<E>(), spec)) return QMO_SEQ_INVALID_ARGUMENT;
+    return QMO_SEQ_OK;
+}
+
+template <class E>
+int print(Iter *in, char *buffer, uint64_t *size, const char *format) noexcept {
+    Spec spec;
+    if (int rc = check_print<E>(in, format, spec)) return rc;
+    if (!size || (!buffer && *size)) return QMO_SEQ_INVALID_ARGUMENT;
+    BufferSink sink(buffer, *size);
+    if (int rc = print_all<E>(in, format ? &spec : nullptr, sink)) return rc;
+    if (sink.total < sink.capacity) {
+        buffer[sink.total] = '\0';
+        *size = sink.total;
+        return QMO_SEQ_OK;
+    }
+    if (sink.capacity) buffer[sink.capacity - 1] = '\0';
+    *size = sink.total + 1;
+    return QMO_SEQ_INVALID_ARGUMENT;
+}
+
+template <class E>
+int print_stream(Iter *in, const char *format, qmo_seq_write_fn write, void *context) noexcept {
+    Spec spec;
+    if (int rc = check_print<E>(in, format, spec)) return rc;
+    if (!write) return QMO_SEQ_INVALID_ARGUMENT;
+    StreamSink sink(write, context);
+    if (int rc = print_all<E>(in, format ? &spec : nullptr, sink)) return rc;
+    sink.flush();
+    return sink.status();
+}
+
+}  // namespace
+}  // namespace qmo
+
+#define QMO_STAMP_PRINT(family, t, ctype, code)                                                         \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *input, char *buffer, uint64_t *size,      \
+                                          const char *format) {                                         \
+        return qmo::family<qmo::Elem<code>>(input, buffer, size, format);                               \
+    }
+#define QMO_STAMP_PRINT_STREAM(family, t, ctype, code)                                                  \
+    QMO_EXPORT int qmo_seq_##family##_##t(qmo_seq_iterator_t *input, const char *format,                \
+                                          qmo_seq_write_fn write, void *context) {                      \
+        return qmo::family<qmo::Elem<code>>(input, format, write, context);                             \
+    }
+QMO_SEQ_TEXT_FAMILIES(QMO_STAMP_FAMILY)
+#undef QMO_STAMP_PRINT_
