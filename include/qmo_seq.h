@@ -1459,6 +1459,95 @@ QMO_SEQ_API int qmo_seq_order_by_reset(qmo_seq_iterator_t *it);
     QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_STRETCH_, (ts))
 QMO_SEQ_TIMESTAMP_TYPES(QMO_SEQ_DECLARE_STRETCHES_OVER_, )
 
+/* ------------------------------------------------------------------------
+ * Alignment of ascending sequences: union, join, as-of join and stretch0.
+ * Operands that must be ascending are checked tile by tile as they are
+ * pulled: a null element is 703, an element below its predecessor (or a
+ * NaN, which has no order) is 62, so a result is never computed over a
+ * disordered tile. Equal neighbours are allowed. Constructors check types
+ * (61), then bindings (701), then their parameters (62), then write.
+ *
+ *   qmo_seq_union_<t>(result, left, right)                       -> t
+ *     The ascending merge of two ascending sequences, each value once:
+ *     the common axis of two series. Reset qmo_seq_reset_union_iterator
+ *     (word 1 the last value delivered, word 2 flags, word 3 the two tile
+ *     cursors). Nothing is allocated.
+ *
+ *   qmo_seq_join_<t>(left_positions, right_positions, left, right) -> uint8
+ *     The inner join on equal elements of two ascending sequences: every
+ *     equal pair once, as the ordinals of its left and right element, in
+ *     order of left then right ordinal. Both outputs advance in lockstep:
+ *     each step computes one tile of each, in whichever output is pulled
+ *     first, and hands the other its tile and status when it is pulled;
+ *     an output pulled again before the other has taken its tile gets 702.
+ *     A run of equal right elements is counted, not kept, so memory does not
+ *     grow with run lengths. The constructor takes one shared record through
+ *     qmo_seq_malloc (52 if refused, nothing written); resetting both
+ *     outputs rewinds left and right and gives the record back, and the next
+ *     pull takes it again (52 then from that pull).
+ *
+ *   qmo_seq_asof_join_<ts>_<t>(result, left_stamps, right_stamps,
+ *                              right_values, direction, tolerance,
+ *                              allow_exact)                       -> t
+ *     One element per left stamp: the right value whose stamp matches it,
+ *     or null when none qualifies (or the matched value is null).
+ *     QMO_SEQ_ASOF_BACKWARD: the last right stamp <= the left one;
+ *     QMO_SEQ_ASOF_FORWARD: the first right stamp >= it; QMO_SEQ_ASOF_NEAREST:
+ *     the backward match unless the forward one is strictly nearer (an exact
+ *     match is then the last of its run, as backward). allow_exact 0 makes
+ *     the comparisons strict. Among equal right stamps backward takes the
+ *     last, forward the first. tolerance: the largest |left - right|
+ *     accepted, inclusive; all-ones accepts any distance. Another direction
+ *     is 62. Stamps of type ts (uint4, uint8, datetime), values of type t.
+ *
+ *   qmo_seq_stretch0_<ts>_<t>(result, target, source, values, filler) -> t
+ *     One element per target stamp: the value of the source element with
+ *     the same stamp (the last one where several share it), the filler (not
+ *     null) for a target no source stamp equals; source stamps absent from
+ *     the target are passed over.
+ *
+ * The as-of join and stretch0 pull right (source) stamps and values
+ * together: a values tile of another length, or a values pull that fails,
+ * is 702. Both read right stamps only as far as the left (target) stamps
+ * need; resets rewind the values, then both stamp sequences, and start
+ * over. Neither allocates.
+ * ---------------------------------------------------------------------- */
+
+/** Directions of qmo_seq_asof_join_<ts>_<t>. */
+#define QMO_SEQ_ASOF_BACKWARD 0
+#define QMO_SEQ_ASOF_FORWARD 1
+#define QMO_SEQ_ASOF_NEAREST 2
+
+#define QMO_SEQ_DECLARE_MERGES_(a, t, ctype, code)                                                       \
+    QMO_SEQ_API int qmo_seq_union_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left,               \
+                                      qmo_seq_iterator_t *right);                                          \
+    QMO_SEQ_API int qmo_seq_union_##t##_next(qmo_seq_iterator_t *it);                                     \
+    QMO_SEQ_API int qmo_seq_join_##t(qmo_seq_iterator_t *left_positions,                                  \
+                                     qmo_seq_iterator_t *right_positions, qmo_seq_iterator_t *left,       \
+                                     qmo_seq_iterator_t *right);                                           \
+    QMO_SEQ_API int qmo_seq_join_##t##_next(qmo_seq_iterator_t *it);
+QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_MERGES_, )
+/** Reset of either join output; the second of the pair rewinds and releases. */
+QMO_SEQ_API int qmo_seq_join_reset(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_DECLARE_ASOF_(ts, t, ctype, code) QMO_SEQ_DECLARE_ASOF_I_(QMO_SEQ_EXPAND ts, t, ctype)
+#define QMO_SEQ_DECLARE_ASOF_I_(...) QMO_SEQ_DECLARE_ASOF_II_(__VA_ARGS__)
+#define QMO_SEQ_DECLARE_ASOF_II_(ts, t, ctype)                                                            \
+    QMO_SEQ_API int qmo_seq_asof_join_##ts##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left_stamps, \
+                                                 qmo_seq_iterator_t *right_stamps,                          \
+                                                 qmo_seq_iterator_t *right_values, int32_t direction,       \
+                                                 uint64_t tolerance, int32_t allow_exact);                  \
+    QMO_SEQ_API int qmo_seq_asof_join_##ts##_##t##_next(qmo_seq_iterator_t *it);                           \
+    QMO_SEQ_API int qmo_seq_stretch0_##ts##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *target,     \
+                                                qmo_seq_iterator_t *source, qmo_seq_iterator_t *values,     \
+                                                ctype filler);                                              \
+    QMO_SEQ_API int qmo_seq_stretch0_##ts##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_DECLARE_ASOFS_OVER_(a, ts, tsctype, tscode) \
+    QMO_SEQ_NUMERIC_TYPES(QMO_SEQ_DECLARE_ASOF_, (ts))
+QMO_SEQ_TIMESTAMP_TYPES(QMO_SEQ_DECLARE_ASOFS_OVER_, )
+/** Reset of the as-of join and stretch0: values, then both stamp sequences. */
+QMO_SEQ_API int qmo_seq_asof_reset(qmo_seq_iterator_t *it);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -63,6 +63,16 @@ TEST_FAMILY_(thin) TEST_FAMILY_(repeat) TEST_FAMILY_(reverse) TEST_FAMILY_(uniqu
 TEST_FAMILY_(parse)
 #undef TEST_FAMILY_
 #undef TEST_FN_
+// union is a keyword (and join, for the token pasting, a family with two outputs).
+template <class Tag>
+inline constexpr auto union_ = nullptr;
+template <class Tag>
+inline constexpr auto join_ = nullptr;
+#define TEST_UNION_FN_(a, t, ctype, code)                                   \
+    template <> inline constexpr auto union_<t_##t> = qmo_seq_union_##t;    \
+    template <> inline constexpr auto join_<t_##t> = qmo_seq_join_##t;
+QMO_SEQ_NUMERIC_TYPES(TEST_UNION_FN_, )
+#undef TEST_UNION_FN_
 }  // namespace fn
 
 // The eleven numeric tags as gtest types (a dummy first entry eats the comma).
@@ -303,6 +313,19 @@ inline constexpr auto stretch = nullptr;
 QMO_SEQ_TIMESTAMP_TYPES(TEST_STRETCH_OVER_, )
 #undef TEST_STRETCH_OVER_
 #undef TEST_STRETCH_FN_
+template <class TsTag, class Tag>
+inline constexpr auto asof_join = nullptr;
+template <class TsTag, class Tag>
+inline constexpr auto stretch0 = nullptr;
+#define TEST_ASOF_FN_(ts, t, ctype, code)                                                      \
+    template <>                                                                                \
+    inline constexpr auto asof_join<t_##ts, t_##t> = qmo_seq_asof_join_##ts##_##t;             \
+    template <>                                                                                \
+    inline constexpr auto stretch0<t_##ts, t_##t> = qmo_seq_stretch0_##ts##_##t;
+#define TEST_ASOF_OVER_(a, ts, tsctype, tscode) QMO_SEQ_NUMERIC_TYPES(TEST_ASOF_FN_, ts)
+QMO_SEQ_TIMESTAMP_TYPES(TEST_ASOF_OVER_, )
+#undef TEST_ASOF_OVER_
+#undef TEST_ASOF_FN_
 }  // namespace fn
 
 // Every time-stamp type with every numeric value type (33 pairs).
