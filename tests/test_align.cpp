@@ -336,3 +336,175 @@ TYPED_TEST(Asof, Faults) {
             EXPECT_EQ(drain<T>(&out).status, row.status);
         }
 }
+
+// ---- join ---------------------------------------------------------------------------
+
+namespace {
+
+template <class Tag>
+class Join : public ::testing::Test {};
+TYPED_TEST_SUITE(Join, NumericTypes);
+
+using Pairs = std::vector<std::pair<uint64_t, uint64_t>>;
+
+// Pulls both outputs step by step, in a random order within each step; they
+// must agree on every step's status and tile length.
+Pairs drain_pair(Iter *lp, Iter *rp, std::mt19937_64 &rng, int *status) {
+    Pairs got;
+    for (int step = 0; step < 1 << 12; ++step) {
+        const bool left_first = rng() % 2;
+        Iter *first = left_first ? lp : rp, *second = left_first ? rp : lp;
+        const int s1 = first->next(first), s2 = second->next(second);
+        EXPECT_EQ(s1, s2) << "step " << step;
+        if ((*status = s1)) break;
+        EXPECT_EQ(lp->tile_count, rp->tile_count) << "step " << step;
+        EXPECT_TRUE(lp->tile_count > 0 && !(lp->null_bitmap[0] | lp->null_bitmap[1] | rp->null_bitmap[0] | rp->null_bitmap[1]));
+        for (unsigned i = 0; i < lp->tile_count; ++i) got.emplace_back(lp->values.u8[i], rp->values.u8[i]);
+    }
+    return got;
+}
+
+template <class Tag>
+Pairs join_model(const std::vector<V<Tag>> &a, const std::vector<V<Tag>> &b) {
+    Pairs e;
+    for (size_t i = 0; i < a.size(); ++i)
+        for (size_t j = 0; j < b.size(); ++j)
+            if (a[i] == b[j]) e.emplace_back(i, j);
+    return e;
+}
+
+}  // namespace
+
+// Random sides with long runs, in random tiles; drained, reset (which gives
+// the shared record back) and drained again: one record at a time, whatever
+// the runs' lengths.
+TYPED_TEST(Join, EveryEqualPairOnceInLeftThenRightOrder) {
+    using T = V<TypeParam>;
+    std::mt19937_64 rng(29);
+    Hooks hooks;
+    for (int round = 0; round < 30; ++round) {
+        SCOPED_TRACE(testing::Message() << "round " << round);
+        const unsigned top = round % 3 == 0 ? 4 : 200;  // few values: runs across tiles
+        const auto a = ascending<TypeParam>(rng, round == 1 ? 0 : rng() % 300, top);
+        const auto b = ascending<TypeParam>(rng, round == 2 ? 0 : rng() % 300, top);
+        Source<TypeParam> l(a, {}, random_tiles(rng, round % 2)), r(b, {}, random_tiles(rng, round % 3 == 1));
+        Iter lp, rp;
+        Hooks::calls = 0;
+        ASSERT_EQ(fn::join_<TypeParam>(&lp, &rp, &l.it, &r.it), 0);
+        EXPECT_TRUE(lp.elem_type == QMO_SEQ_TYPE_UINT8 && rp.elem_type == QMO_SEQ_TYPE_UINT8 && l.it.bound && r.it.bound);
+        const Pairs e = join_model<TypeParam>(a, b);
+        for (int pass = 0; pass < 2; ++pass) {
+            int status = 0;
+            EXPECT_EQ(drain_pair(&lp, &rp, rng, &status), e) << "pass " << pass;
+            EXPECT_EQ(status, QMO_SEQ_END);
+            EXPECT_EQ(Hooks::live.size(), 1u);
+            EXPECT_EQ(lp.reset(&lp), 0);
+            EXPECT_EQ(Hooks::live.size(), 1u) << "released before both are reset";
+            EXPECT_EQ(rp.reset(&rp), 0);
+            EXPECT_EQ(Hooks::live.size(), 0u);
+        }
+        EXPECT_EQ(Hooks::calls, 2);
+    }
+    // One value throughout: 300 x 200 pairs from one record.
+    Source<TypeParam> l(std::vector<T>(300, T(3))), r(std::vector<T>(200, T(3)), {}, {64});
+    Iter lp, rp;
+    Hooks::calls = 0;
+    ASSERT_EQ(fn::join_<TypeParam>(&lp, &rp, &l.it, &r.it), 0);
+    int status = 0;
+    const Pairs got = drain_pair(&lp, &rp, rng, &status);
+    EXPECT_EQ(got.size(), 60000u);
+    EXPECT_EQ(got, (join_model<TypeParam>(std::vector<T>(300, T(3)), std::vector<T>(200, T(3)))));
+    lp.reset(&lp), rp.reset(&rp);
+    EXPECT_EQ(Hooks::calls, 1);
+    EXPECT_TRUE(Hooks::live.empty());
+}
+
+TYPED_TEST(Join, LockstepConstructionAndFaults) {
+    using T = V<TypeParam>;
+    std::mt19937_64 rng(7);
+    Source<TypeParam> l({1, 2, 2, 3}), r({2, 3, 3});
+    Source<std::conditional_t<std::is_same_v<TypeParam, t_uint8>, t_datetime, t_uint8>> wrong({1});
+    auto refused = [&](int status, Iter *left, Iter *right, bool same_output = false) {
+        Iter lp, rp;
+        std::memset(&lp, 0xAB, sizeof lp);
+        std::memset(&rp, 0xAB, sizeof rp);
+        const Iter before = lp;
+        EXPECT_EQ(fn::join_<TypeParam>(&lp, same_output ? &lp : &rp, left, right), status);
+        EXPECT_EQ(std::memcmp(&lp, &before, sizeof lp), 0);
+        EXPECT_EQ(std::memcmp(&rp, &before, sizeof rp), 0);
+        EXPECT_TRUE(!l.it.bound && !r.it.bound);
+    };
+    {
+        BindingChecks on(1);
+        refused(QMO_SEQ_TYPE_MISMATCH, &wrong.it, &r.it);
+        refused(QMO_SEQ_TYPE_MISMATCH, &l.it, &wrong.it);
+        wrong.it.bound = 1;
+        refused(QMO_SEQ_TYPE_MISMATCH, &l.it, &wrong.it);  // types before bindings
+        refused(QMO_SEQ_INVALID_ARGUMENT, &l.it, &r.it, true);
+        Hooks refuse(1);
+        refused(QMO_SEQ_NO_MEMORY, &l.it, &r.it);
+        EXPECT_TRUE(Hooks::live.empty());
+    }
+    // The record taken again after both resets: refused there, 52 from that pull.
+    {
+        Hooks second(2);
+        Iter lp, rp;
+        ASSERT_EQ(fn::join_<TypeParam>(&lp, &rp, &l.it, &r.it), 0);
+        EXPECT_EQ(lp.next(&lp), 0);
+        EXPECT_EQ(lp.next(&lp), QMO_SEQ_LENGTH_MISMATCH);  // a step ahead of its twin
+        EXPECT_EQ(rp.next(&rp), 0);
+        EXPECT_EQ(std::vector<uint64_t>(rp.values.u8, rp.values.u8 + rp.tile_count), (std::vector<uint64_t>{0, 0, 1, 2}));
+        lp.reset(&lp), rp.reset(&rp);
+        EXPECT_TRUE(Hooks::live.empty());
+        EXPECT_EQ(rp.next(&rp), QMO_SEQ_NO_MEMORY);
+        l.it.bound = r.it.bound = 0;
+    }
+    std::vector<T> up(300);
+    for (size_t i = 0; i < up.size(); ++i) up[i] = T(i / 3);
+    struct Row {
+        const char *name;
+        int side, null_at, drop_at, fail_with, status;
+    } rows[] = {
+        {"null on the left", 0, 200, -1, 0, QMO_SEQ_NULL_VALUE},
+        {"null on the right", 1, 0, -1, 0, QMO_SEQ_NULL_VALUE},
+        {"descent inside a tile", 0, -1, 5, 0, QMO_SEQ_INVALID_ARGUMENT},
+        {"descent across tiles", 1, -1, 128, 0, QMO_SEQ_INVALID_ARGUMENT},
+        {"status passed on", 1, -1, -1, QMO_SEQ_UNSUPPORTED, QMO_SEQ_UNSUPPORTED},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        std::vector<T> a = up, b = up;
+        std::vector<T> &side = row.side ? b : a;
+        if (row.drop_at >= 0) side[row.drop_at] = T(side[row.drop_at - 1] - 1);
+        Source<TypeParam> fl(a), fr(b);
+        Script &s = row.side ? fr : fl;
+        if (row.null_at >= 0) s.nulls[row.null_at] = true;
+        if (row.fail_with) s.fail_with = row.fail_with, s.fail_from = 2;
+        Iter lp, rp;
+        ASSERT_EQ(fn::join_<TypeParam>(&lp, &rp, &fl.it, &fr.it), 0);
+        int status = 0;
+        drain_pair(&lp, &rp, rng, &status);
+        EXPECT_EQ(status, row.status);
+        lp.reset(&lp), rp.reset(&rp);
+    }
+}
+
+TYPED_TEST(Union, ConstructionChecksTypesThenBindings) {
+    Source<TypeParam> l({1}), r({2});
+    Source<std::conditional_t<std::is_same_v<TypeParam, t_uint8>, t_datetime, t_uint8>> wrong({1});
+    BindingChecks on(1);
+    wrong.it.bound = 1;
+    expect_refused(QMO_SEQ_TYPE_MISMATCH, [&](Iter *o) { return fn::union_<TypeParam>(o, &l.it, &wrong.it); }, {&l.it});
+    expect_refused(QMO_SEQ_TYPE_MISMATCH, [&](Iter *o) { return fn::union_<TypeParam>(o, &wrong.it, &r.it); }, {&r.it});
+    for (Iter *bound : {&l.it, &r.it}) {
+        l.it.bound = r.it.bound = 0;
+        bound->bound = 1;
+        expect_refused(QMO_SEQ_ALREADY_BOUND, [&](Iter *o) { return fn::union_<TypeParam>(o, &l.it, &r.it); },
+                       {&l.it, &r.it});
+    }
+    l.it.bound = r.it.bound = 0;
+    Iter out;
+    ASSERT_EQ(fn::union_<TypeParam>(&out, &l.it, &r.it), 0);
+    EXPECT_TRUE(l.it.bound && r.it.bound && !out.bound && out.reset == qmo_seq_reset_union_iterator);
+    EXPECT_EQ(out.elem_type, TypeParam::code_);
+}
