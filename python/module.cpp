@@ -45,6 +45,7 @@ struct Plan {
     bool probe = false;  // sources of length 0: only the result types are wanted
     std::deque<Iter> records;
     std::unordered_map<const Iter *, Iter *> groups;  // a hash aggregate's group output
+    std::unordered_map<const Iter *, Iter *> twins;   // a join's right positions, pulled in lockstep
     std::vector<Iter *> hashes;
     std::vector<std::pair<int (*)(Iter *), Iter *>> resets;  // records that hold memory until reset
     explicit Plan(bool types_only = false) : probe(types_only) {}
@@ -141,6 +142,22 @@ Make hashed(F f, bool with_values) {
     };
 }
 
+// Joins: a second record for the right positions; resetting both gives the
+// shared record back.
+template <class F>
+Make joined(F f) {
+    return [f](Plan &plan, Iter *lp, Iter *const *o, const Params &) {
+        Iter *rp = plan.record();
+        const int rc = f(lp, rp, o[0], o[1]);
+        if (rc == QMO_SEQ_OK) {
+            plan.twins[lp] = rp;
+            plan.resets.emplace_back(qmo_seq_join_reset, lp);
+            plan.resets.emplace_back(qmo_seq_join_reset, rp);
+        }
+        return rc;
+    };
+}
+
 void stamp_tables() {
 #define QMO_PY_SOURCE_(a, t, ctype, code)                                                                 \
     sources[code] = [](Iter *r, const void *v, uint64_t n, const uint64_t *nulls, size_t) {               \
@@ -228,6 +245,22 @@ void stamp_tables() {
         return qmo_seq_stretch_##ts##_##t(r, o[0], o[1], o[2], param<ctype>(p, 0));                         \
     });
 #define QMO_PY_STRETCHES_OVER_(a, ts, tsctype, tscode) QMO_SEQ_NUMERIC_TYPES(QMO_PY_STRETCH_, (ts))
+// As-of joins (left stamps, right stamps, right values; direction, tolerance,
+// exactness) and stretch0 (target, source, values; filler).
+#define QMO_PY_ASOF_(ts, t, ctype, code) QMO_PY_ASOF_I_(QMO_SEQ_EXPAND ts, t, ctype, code)
+#define QMO_PY_ASOF_I_(...) QMO_PY_ASOF_II_(__VA_ARGS__)
+#define QMO_PY_ASOF_II_(ts, t, ctype, code)                                                                 \
+    add("asof_join_" #ts, 3, 2, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                \
+        return qmo_seq_asof_join_##ts##_##t(r, o[0], o[1], o[2], param<int32_t>(p, 0), p.at(1),             \
+                                            param<int32_t>(p, 2));                                          \
+    });                                                                                                      \
+    add("stretch0_" #ts, 3, 2, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {                 \
+        return qmo_seq_stretch0_##ts##_##t(r, o[0], o[1], o[2], param<ctype>(p, 0));                        \
+    });
+#define QMO_PY_ASOFS_OVER_(a, ts, tsctype, tscode) QMO_SEQ_NUMERIC_TYPES(QMO_PY_ASOF_, (ts))
+#define QMO_PY_MERGES_(a, t, ctype, code)                                                                   \
+    QMO_PY_BINARY_(union, t, ctype, code)                                                                   \
+    add("join", 2, 0, code, joined(qmo_seq_join_##t));
 
     // Adding a family is one line here, in the shape of its constructor.
     QMO_SEQ_ARITHMETIC_OPS(QMO_PY_BINARY_FAMILY_)
@@ -249,6 +282,8 @@ void stamp_tables() {
     QMO_SEQ_NUMERIC_TYPES(QMO_PY_RESHAPE_, )
     QMO_SEQ_NUMERIC_TYPES(QMO_PY_ANALYTICS_, )
     QMO_SEQ_TIMESTAMP_TYPES(QMO_PY_STRETCHES_OVER_, )
+    QMO_SEQ_TIMESTAMP_TYPES(QMO_PY_ASOFS_OVER_, )
+    QMO_SEQ_NUMERIC_TYPES(QMO_PY_MERGES_, )
 
     auto logic = [](int (*f)(Iter *, Iter *, Iter *)) {
         return [f](Plan &, Iter *r, Iter *const *o, const Params &) { return f(r, o[0], o[1]); };
@@ -390,8 +425,31 @@ py::tuple collect(Iter *it) {
     return py::make_tuple(raw, mask, it->elem_type, it->elem_size);
 }
 
-// A hash aggregate gives (groups, aggregates); anything else its one sequence.
+// Two outputs that advance together, each step's tiles taken from both.
+py::tuple collect_pair(Iter *a, Iter *b) {
+    std::vector<uint64_t> left, right;
+    int rc;
+    {
+        py::gil_scoped_release unlocked;
+        while ((rc = a->next(a)) == QMO_SEQ_OK) {
+            if ((rc = b->next(b)) != QMO_SEQ_OK) break;
+            left.insert(left.end(), a->values.u8, a->values.u8 + a->tile_count);
+            right.insert(right.end(), b->values.u8, b->values.u8 + b->tile_count);
+        }
+    }
+    if (rc != QMO_SEQ_END) throw StatusError{rc};
+    auto as_array = [](const std::vector<uint64_t> &v) {
+        py::array_t<uint8_t> raw(static_cast<py::ssize_t>(v.size() * 8));
+        std::memcpy(raw.mutable_data(), v.data(), v.size() * 8);
+        return py::make_tuple(raw, py::none(), int{QMO_SEQ_TYPE_UINT8}, 8);
+    };
+    return py::make_tuple(as_array(left), as_array(right));
+}
+
+// A hash aggregate gives (groups, aggregates), a join (left, right
+// positions); anything else its one sequence.
 py::object pull(Plan &plan, Iter *root) {
+    if (const auto twin = plan.twins.find(root); twin != plan.twins.end()) return collect_pair(root, twin->second);
     const auto grp = plan.groups.find(root);
     if (grp == plan.groups.end()) return collect(root);
     py::tuple aggregates = collect(root);
