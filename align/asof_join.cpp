@@ -103,12 +103,15 @@ int asof_next(Iter *it) noexcept {
     const S *r = tile<S>(stamps);
     const W *v = tile<W>(values);
     W *out = tile<W>(it);
-    uint64_t nulls[2] = {0, 0};
+    uint64_t nulls0 = 0, nulls1 = 0;
     const uint64_t tolerance = it->state[kTolerance];
     const W filler = load<W>(it, kFiller);
     bool ended = it->state[kEnded] != 0;
     unsigned j = static_cast<unsigned>(it->state[kIndex]);
     unsigned m = ended ? 0 : stamps->tile_count;
+    // The values' null words in locals: stores to the output may alias the record's.
+    uint64_t vn[2] = {values->null_bitmap[0], values->null_bitmap[1]};
+    auto value_null = [&vn](unsigned k) { return ((vn[k >> 6] >> (k & 63)) & 1) != 0; };
     Held<S, W> last = load_held<S, W>(it, kLastHas);
     [[maybe_unused]] Held<S, W> before{};
     if constexpr (kBefore) before = load_held<S, W>(it, kBeforeHas);
@@ -132,6 +135,7 @@ int asof_next(Iter *it) noexcept {
                 m = stamps->tile_count;
             }
             j = 0;
+            vn[0] = values->null_bitmap[0], vn[1] = values->null_bitmap[1];
             last = load_held<S, W>(it, kLastHas);
             if constexpr (kBefore) before = load_held<S, W>(it, kBeforeHas);
         }
@@ -144,7 +148,7 @@ int asof_next(Iter *it) noexcept {
             if constexpr (kBefore) {
                 while (k >= 0 && !(r[k] < at)) --k;
             }
-            if (k >= 0) match = {true, r[k], v[k], is_null(values, k)};
+            if (k >= 0) match = {true, r[k], v[k], value_null(unsigned(k))};
             else if (!kBefore || (last.has && last.stamp < at)) match = last;
             else match = before;
             distance = uint64_t{at} - uint64_t{match.stamp};
@@ -154,24 +158,28 @@ int asof_next(Iter *it) noexcept {
                 const uint64_t ahead = uint64_t{r[j]} - uint64_t{at};
                 // Equally near: the earlier one.
                 if (Dir == QMO_SEQ_ASOF_FORWARD || !match.has || ahead < distance) {
-                    match = {true, r[j], v[j], is_null(values, j)};
+                    match = {true, r[j], v[j], value_null(j)};
                     distance = ahead;
                 }
             }
         }
         const bool hit = match.has && distance <= tolerance;
+        bool null;
         if constexpr (Fill) {
             out[i] = hit ? match.value : filler;
-            nulls[i >> 6] |= uint64_t{hit && match.null} << (i & 63);
+            null = hit && match.null;
         } else {
             out[i] = hit ? match.value : W{0};
-            nulls[i >> 6] |= uint64_t{!hit || match.null} << (i & 63);
+            null = !hit || match.null;
         }
+        const uint64_t bit = uint64_t{null} << (i & 63);
+        if (i < 64) nulls0 |= bit;
+        else nulls1 |= bit;
     }
     it->state[kIndex] = j;
     it->state[kEnded] = ended;
-    it->null_bitmap[0] = nulls[0];
-    it->null_bitmap[1] = nulls[1];
+    it->null_bitmap[0] = nulls0;
+    it->null_bitmap[1] = nulls1;
     return deliver(it, n);
 }
 
