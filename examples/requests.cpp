@@ -396,8 +396,6 @@ double symbol_average_loop(const tape::Tape &t) {
 
 // ---- alignment of the trade and quote tapes ----------------------------------------------
 
-constexpr uint64_t kQuoteWithin = 5000;  // forward bids: at most 5 ms after the trade
-
 // Sum of the bid prevailing at each trade (the last quote at or before it);
 // trades before the first quote have none and add nothing.
 double bid_before_library(const tape::Tape &t) {
@@ -441,7 +439,8 @@ double bid_after_loop(const tape::Tape &t) {
 
 // The common time axis of trades and quotes, the last price and the last bid
 // carried onto every stamp of it (backward as-of joins from the axis), and
-// the sum of price - bid over the stamps where both exist.
+// the sum of price + bid over the stamps where both exist (terms of one
+// sign, so that sums in any order agree to a relative bound).
 double spread_on_axis_library(const tape::Tape &t) {
     Iter ts[2], qs[2], axis[2], trade_ts, prices, quote_ts, bids, price_at, bid_at, spread, sum;
     for (int k = 0; k < 2; ++k) {
@@ -457,7 +456,7 @@ double spread_on_axis_library(const tape::Tape &t) {
                                             ~uint64_t{0}, 1), "asof_join");
     check(qmo_seq_asof_join_datetime_double(&bid_at, &axis[1], &quote_ts, &bids, QMO_SEQ_ASOF_BACKWARD, ~uint64_t{0},
                                             1), "asof_join");
-    check(qmo_seq_sub_double(&spread, &price_at, &bid_at), "sub");
+    check(qmo_seq_add_double(&spread, &price_at, &bid_at), "add");
     check(qmo_seq_agg_sum_double(&sum, &spread), "agg_sum");
     return read_double(&sum);
 }
@@ -469,13 +468,13 @@ double spread_on_axis_loop(const tape::Tape &t) {
         const uint64_t at = j == m || (i < n && a[i] <= b[j]) ? a[i] : b[j];
         while (i < n && a[i] == at) ++i;
         while (j < m && b[j] == at) ++j;
-        if (i && j) sum += t.price[i - 1] - t.bid[j - 1];
+        if (i && j) sum += t.price[i - 1] + t.bid[j - 1];
     }
     return sum;
 }
 
 // Trades stamped exactly at a quote's stamp: the pairs of the join on equal
-// stamps, their prices and bids gathered by position, summed as price - bid.
+// stamps, their prices and bids gathered by position, summed as price + bid.
 double at_quote_library(const tape::Tape &t) {
     Iter trades, quotes, left, right, prices, bids, price, bid, spread, sum;
     qmo_seq_unget_datetime(&trades, t.ts.data(), t.rows());
@@ -485,7 +484,7 @@ double at_quote_library(const tape::Tape &t) {
     qmo_seq_unget_double(&bids, t.bid.data(), t.bid.size());
     check(qmo_seq_map_double(&price, &prices, &left), "map");
     check(qmo_seq_map_double(&bid, &bids, &right), "map");
-    check(qmo_seq_sub_double(&spread, &price, &bid), "sub");
+    check(qmo_seq_add_double(&spread, &price, &bid), "add");
     check(qmo_seq_agg_sum_double(&sum, &spread), "agg_sum");
     const double v = read_double(&sum);
     left.reset(&left), right.reset(&right);  // gives the join's shared record back
@@ -497,7 +496,7 @@ double at_quote_loop(const tape::Tape &t) {
         if (t.ts[i] < t.quote_ts[j]) ++i;
         else if (t.quote_ts[j] < t.ts[i]) ++j;
         else {
-            for (size_t k = j; k < t.quote_ts.size() && t.quote_ts[k] == t.ts[i]; ++k) sum += t.price[i] - t.bid[k];
+            for (size_t k = j; k < t.quote_ts.size() && t.quote_ts[k] == t.ts[i]; ++k) sum += t.price[i] + t.bid[k];
             ++i;
         }
     }
@@ -570,8 +569,8 @@ const Request kAll[] = {
      false},
     {"bid_before", "bid prevailing at each trade, summed", bid_before_library, bid_before_loop, false},
     {"bid_after_5ms", "next bid within 5 ms of a trade, summed", bid_after_library, bid_after_loop, false},
-    {"spread_on_axis", "price - bid carried onto all stamps", spread_on_axis_library, spread_on_axis_loop, false},
-    {"at_quote", "trades at a quote's stamp, price - bid", at_quote_library, at_quote_loop, false},
+    {"spread_on_axis", "price + bid carried onto all stamps", spread_on_axis_library, spread_on_axis_loop, false},
+    {"at_quote", "trades at a quote's stamp, price + bid", at_quote_library, at_quote_loop, false},
     {"quotes_per_second", "quotes per second on the trades' seconds", quotes_per_second_library,
      quotes_per_second_loop, true},
 };

@@ -229,7 +229,9 @@ bool write_columns(const std::string &dir, const Tape &t, std::string &error) {
         error = "cannot create " + dir + ": " + ec.message();
         return false;
     }
-    return for_each_column(t, [&](const auto &column, const char *name) {
+    // The quote tape too, for peers (the loaders derive it again).
+    auto quotes = [&t](auto f) { return f(t.quote_ts, "quote_ts.u64") && f(t.bid, "bid.f64"); };
+    const auto write = [&](const auto &column, const char *name) {
         const std::string path = dir + "/" + name;
         File f(std::fopen(path.c_str(), "wb"));
         if (!f) {
@@ -242,7 +244,8 @@ bool write_columns(const std::string &dir, const Tape &t, std::string &error) {
             return false;
         }
         return true;
-    });
+    };
+    return for_each_column(t, write) && quotes(write);
 }
 
 bool load_columns(const std::string &dir, Tape &out, std::string &error) {

@@ -2,9 +2,9 @@
 agree on every request, then prints the time per row of each and the others'
 time ratios to the library's.
 
-    /usr/bin/python3 table.py LIBRARY_JSON PYTHON_JSON DUCKDB_JSON NUMPY_JSON [...]
+    /usr/bin/python3 table.py LIBRARY_JSON PYTHON_JSON DUCKDB_JSON NUMPY_JSON PANDAS_JSON [...]
 
-The files come in rounds of four (library, Python, DuckDB, numpy), each round
+The files come in rounds of five (library, Python, DuckDB, numpy, pandas), each round
 a fresh run of every tool on the same tape; a request's time is its best over
 all rounds. Exits with 1 after printing the values when results disagree.
 A peer may report a request as not run (with the reason, printed below the
@@ -46,6 +46,9 @@ def tolerance(key, rows, params, library):
     average.
     """
     n = params["range_rows"] if key in ("price_mean", "price_dev") else rows
+    if key == "spread_on_axis":
+        n = rows + rows // 5  # the common axis of trades and quotes: two terms at each stamp
+        n *= 2
     bound = 2 * max(n - 1, 0) * U
     if key == "moving_price":
         bound += 2 * n * U + 100 * U
@@ -89,13 +92,13 @@ def merged(paths, tool):
     return first
 
 
-TOOLS = ("library", "Python", "DuckDB", "numpy")  # the order of the files in a round
+TOOLS = ("library", "Python", "DuckDB", "numpy", "pandas")  # the order of the files in a round
 
 
 def main():
     paths = sys.argv[1:]
     if not paths or len(paths) % len(TOOLS):
-        sys.exit("usage: table.py LIBRARY_JSON PYTHON_JSON DUCKDB_JSON NUMPY_JSON [...]")
+        sys.exit("usage: table.py LIBRARY_JSON PYTHON_JSON DUCKDB_JSON NUMPY_JSON PANDAS_JSON [...]")
     library = merged(paths[0::len(TOOLS)], "library")
     peers = [(name, merged(paths[i::len(TOOLS)], name)) for i, name in enumerate(TOOLS) if i]
     rows = library["rows"]
