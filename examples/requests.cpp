@@ -442,12 +442,12 @@ double bid_after_loop(const tape::Tape &t) {
 // the sum of price + bid over the stamps where both exist (terms of one
 // sign, so that sums in any order agree to a relative bound).
 double spread_on_axis_library(const tape::Tape &t) {
-    Iter ts[2], qs[2], axis[2], trade_ts, prices, quote_ts, bids, price_at, bid_at, spread, sum;
-    for (int k = 0; k < 2; ++k) {
-        qmo_seq_unget_datetime(&ts[k], t.ts.data(), t.rows());
-        qmo_seq_unget_datetime(&qs[k], t.quote_ts.data(), t.quote_ts.size());
-        check(qmo_seq_union_datetime(&axis[k], &ts[k], &qs[k]), "union");
-    }
+    Iter ts, qs, common, axis[2], trade_ts, prices, quote_ts, bids, price_at, bid_at, spread, sum;
+    qmo_seq_unget_datetime(&ts, t.ts.data(), t.rows());
+    qmo_seq_unget_datetime(&qs, t.quote_ts.data(), t.quote_ts.size());
+    check(qmo_seq_union_datetime(&common, &ts, &qs), "union");
+    // Both joins read the axis a tile at a time, in step: one union, teed.
+    check(qmo_seq_tee(&axis[0], &axis[1], &common), "tee");
     qmo_seq_unget_datetime(&trade_ts, t.ts.data(), t.rows());
     qmo_seq_unget_double(&prices, t.price.data(), t.rows());
     qmo_seq_unget_datetime(&quote_ts, t.quote_ts.data(), t.quote_ts.size());
