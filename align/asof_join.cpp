@@ -91,15 +91,14 @@ int asof_next(Iter *it) noexcept {
     // Strict nearest looks back past the equal stamps it moved over.
     constexpr bool kBefore = Dir == QMO_SEQ_ASOF_NEAREST && !Exact;
     Iter *left = it->operand1, *stamps = it->operand2, *values = it->operand3;
-    {
-        S prev = load<S>(it, kLeftPrev);
-        bool has = it->state[kLeftHas] != 0;
-        if (int rc = align::pull_ascending(left, prev, has)) return rc;
-        store(it, kLeftPrev, prev);
-        it->state[kLeftHas] = has;
-    }
+    if (int rc = left->next(left)) return rc;
     const unsigned n = left->tile_count;
+    if (align::any_null(left, n)) return QMO_SEQ_NULL_VALUE;
     const S *l = tile<S>(left);
+    // The left stamps' order is checked in the loop that reads them anyway;
+    // a tile that fails is not delivered.
+    S left_prev = it->state[kLeftHas] ? load<S>(it, kLeftPrev) : n ? l[0] : S{0};
+    bool ordered = true;
     const S *r = tile<S>(stamps);
     const W *v = tile<W>(values);
     W *out = tile<W>(it);
@@ -118,6 +117,8 @@ int asof_next(Iter *it) noexcept {
     int rc = QMO_SEQ_OK;
     for (unsigned i = 0; i < n; ++i) {
         const S at = l[i];
+        ordered &= left_prev <= at;
+        left_prev = at;
         for (;;) {
             if constexpr (kPastEqual) {
                 while (j < m && r[j] <= at) ++j;
@@ -178,6 +179,8 @@ int asof_next(Iter *it) noexcept {
     }
     it->state[kIndex] = j;
     it->state[kEnded] = ended;
+    if (!ordered) return QMO_SEQ_INVALID_ARGUMENT;
+    if (n) store(it, kLeftPrev, left_prev), it->state[kLeftHas] = 1;
     it->null_bitmap[0] = nulls0;
     it->null_bitmap[1] = nulls1;
     return deliver(it, n);
