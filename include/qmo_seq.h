@@ -1481,8 +1481,9 @@ QMO_SEQ_TIMESTAMP_TYPES(QMO_SEQ_DECLARE_STRETCHES_OVER_, )
  *     first, and hands the other its tile and status when it is pulled;
  *     an output pulled again before the other has taken its tile gets 702.
  *     A run of equal right elements is counted, not kept, so memory does not
- *     grow with run lengths. The constructor takes one shared record through
- *     qmo_seq_malloc (52 if refused, nothing written); resetting both
+ *     grow with run lengths. The two outputs must be distinct records (62).
+ *     The constructor takes one shared record through qmo_seq_malloc (52 if
+ *     refused, nothing written); resetting both
  *     outputs rewinds left and right and gives the record back, and the next
  *     pull takes it again (52 then from that pull).
  *
