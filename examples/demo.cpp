@@ -87,11 +87,12 @@ void print_json(const std::vector<Outcome> &outcomes, const tape::Tape &t, int r
                 static_cast<unsigned long long>(range.from), static_cast<unsigned long long>(range.till),
                 static_cast<long long>(in_range));
     std::printf("             \"moving_trades\": %llu, \"grid_trades\": %llu, \"top_trades\": %u, \"second_us\": %llu, "
-                "\"size_bins\": %lld, \"sample_every\": %llu, \"symbol_pattern\": \"%s\"},\n",
+                "\"size_bins\": %lld, \"sample_every\": %llu, \"symbol_pattern\": \"%s\", \"quote_within_us\": %llu},\n",
                 static_cast<unsigned long long>(requests::kMovingTrades),
                 static_cast<unsigned long long>(requests::kGridTrades), requests::kTopTrades,
                 static_cast<unsigned long long>(requests::kSecond), static_cast<long long>(requests::kSizeBins),
-                static_cast<unsigned long long>(requests::kSampleEvery), requests::kSymbolPattern);
+                static_cast<unsigned long long>(requests::kSampleEvery), requests::kSymbolPattern,
+                static_cast<unsigned long long>(requests::kQuoteWithin));
     std::printf("  \"requests\": [\n");
     for (size_t i = 0; i < outcomes.size(); ++i) {
         const Outcome &o = outcomes[i];

@@ -394,6 +394,159 @@ double symbol_average_loop(const tape::Tape &t) {
     return largest;
 }
 
+// ---- alignment of the trade and quote tapes ----------------------------------------------
+
+// Sum of the bid prevailing at each trade (the last quote at or before it);
+// trades before the first quote have none and add nothing.
+double bid_before_library(const tape::Tape &t) {
+    Iter trades, quotes, bids, matched, sum;
+    qmo_seq_unget_datetime(&trades, t.ts.data(), t.rows());
+    qmo_seq_unget_datetime(&quotes, t.quote_ts.data(), t.quote_ts.size());
+    qmo_seq_unget_double(&bids, t.bid.data(), t.bid.size());
+    check(qmo_seq_asof_join_datetime_double(&matched, &trades, &quotes, &bids, QMO_SEQ_ASOF_BACKWARD, ~uint64_t{0}, 1),
+          "asof_join");
+    check(qmo_seq_agg_sum_double(&sum, &matched), "agg_sum");
+    return read_double(&sum);
+}
+double bid_before_loop(const tape::Tape &t) {
+    double sum = 0;
+    for (size_t i = 0, j = 0; i < t.rows(); ++i) {
+        while (j < t.quote_ts.size() && t.quote_ts[j] <= t.ts[i]) ++j;
+        if (j) sum += t.bid[j - 1];
+    }
+    return sum;
+}
+
+// Sum of the next bid at or after each trade, when it comes within 5 ms.
+double bid_after_library(const tape::Tape &t) {
+    Iter trades, quotes, bids, matched, sum;
+    qmo_seq_unget_datetime(&trades, t.ts.data(), t.rows());
+    qmo_seq_unget_datetime(&quotes, t.quote_ts.data(), t.quote_ts.size());
+    qmo_seq_unget_double(&bids, t.bid.data(), t.bid.size());
+    check(qmo_seq_asof_join_datetime_double(&matched, &trades, &quotes, &bids, QMO_SEQ_ASOF_FORWARD, kQuoteWithin, 1),
+          "asof_join");
+    check(qmo_seq_agg_sum_double(&sum, &matched), "agg_sum");
+    return read_double(&sum);
+}
+double bid_after_loop(const tape::Tape &t) {
+    double sum = 0;
+    for (size_t i = 0, j = 0; i < t.rows(); ++i) {
+        while (j < t.quote_ts.size() && t.quote_ts[j] < t.ts[i]) ++j;
+        if (j < t.quote_ts.size() && t.quote_ts[j] - t.ts[i] <= kQuoteWithin) sum += t.bid[j];
+    }
+    return sum;
+}
+
+// The common time axis of trades and quotes, the last price and the last bid
+// carried onto every stamp of it (backward as-of joins from the axis), and
+// the sum of price + bid over the stamps where both exist (terms of one
+// sign, so that sums in any order agree to a relative bound).
+double spread_on_axis_library(const tape::Tape &t) {
+    Iter ts, qs, common, axis[2], trade_ts, prices, quote_ts, bids, price_at, bid_at, spread, sum;
+    qmo_seq_unget_datetime(&ts, t.ts.data(), t.rows());
+    qmo_seq_unget_datetime(&qs, t.quote_ts.data(), t.quote_ts.size());
+    check(qmo_seq_union_datetime(&common, &ts, &qs), "union");
+    // Both joins read the axis a tile at a time, in step: one union, teed.
+    check(qmo_seq_tee(&axis[0], &axis[1], &common), "tee");
+    qmo_seq_unget_datetime(&trade_ts, t.ts.data(), t.rows());
+    qmo_seq_unget_double(&prices, t.price.data(), t.rows());
+    qmo_seq_unget_datetime(&quote_ts, t.quote_ts.data(), t.quote_ts.size());
+    qmo_seq_unget_double(&bids, t.bid.data(), t.bid.size());
+    check(qmo_seq_asof_join_datetime_double(&price_at, &axis[0], &trade_ts, &prices, QMO_SEQ_ASOF_BACKWARD,
+                                            ~uint64_t{0}, 1), "asof_join");
+    check(qmo_seq_asof_join_datetime_double(&bid_at, &axis[1], &quote_ts, &bids, QMO_SEQ_ASOF_BACKWARD, ~uint64_t{0},
+                                            1), "asof_join");
+    check(qmo_seq_add_double(&spread, &price_at, &bid_at), "add");
+    check(qmo_seq_agg_sum_double(&sum, &spread), "agg_sum");
+    return read_double(&sum);
+}
+double spread_on_axis_loop(const tape::Tape &t) {
+    const uint64_t *a = t.ts.data(), *b = t.quote_ts.data();
+    const size_t n = t.rows(), m = t.quote_ts.size();
+    double sum = 0;
+    for (size_t i = 0, j = 0; i < n || j < m;) {
+        const uint64_t at = j == m || (i < n && a[i] <= b[j]) ? a[i] : b[j];
+        while (i < n && a[i] == at) ++i;
+        while (j < m && b[j] == at) ++j;
+        if (i && j) sum += t.price[i - 1] + t.bid[j - 1];
+    }
+    return sum;
+}
+
+// Trades stamped exactly at a quote's stamp: the pairs of the join on equal
+// stamps, their prices and bids gathered by position, summed as price + bid.
+double at_quote_library(const tape::Tape &t) {
+    Iter trades, quotes, left, right, prices, bids, price, bid, spread, sum;
+    qmo_seq_unget_datetime(&trades, t.ts.data(), t.rows());
+    qmo_seq_unget_datetime(&quotes, t.quote_ts.data(), t.quote_ts.size());
+    check(qmo_seq_join_datetime(&left, &right, &trades, &quotes), "join");
+    qmo_seq_unget_double(&prices, t.price.data(), t.rows());
+    qmo_seq_unget_double(&bids, t.bid.data(), t.bid.size());
+    check(qmo_seq_map_double(&price, &prices, &left), "map");
+    check(qmo_seq_map_double(&bid, &bids, &right), "map");
+    check(qmo_seq_add_double(&spread, &price, &bid), "add");
+    check(qmo_seq_agg_sum_double(&sum, &spread), "agg_sum");
+    const double v = read_double(&sum);
+    left.reset(&left), right.reset(&right);  // gives the join's shared record back
+    return v;
+}
+double at_quote_loop(const tape::Tape &t) {
+    double sum = 0;
+    for (size_t i = 0, j = 0; i < t.rows() && j < t.quote_ts.size();) {
+        if (t.ts[i] < t.quote_ts[j]) ++i;
+        else if (t.quote_ts[j] < t.ts[i]) ++j;
+        else {
+            for (size_t k = j; k < t.quote_ts.size() && t.quote_ts[k] == t.ts[i]; ++k) sum += t.price[i] + t.bid[k];
+            ++i;
+        }
+    }
+    return sum;
+}
+
+// Quotes per second placed on the axis of every second the trades span (0
+// where a second has none); the result is sum of (k + 1) x count of second k.
+std::vector<uint64_t> second_axis(const tape::Tape &t) {
+    std::vector<uint64_t> axis;
+    if (t.rows() == 0) return axis;
+    for (uint64_t s = t.ts.front() / kSecond; s <= t.ts.back() / kSecond; ++s) axis.push_back(s);
+    return axis;
+}
+double quotes_per_second_library(const tape::Tape &t) {
+    const std::vector<uint64_t> axis = second_axis(t);
+    Iter quotes[2], second[2], seconds[2], target, keys, counts, placed;
+    for (int k = 0; k < 2; ++k) {
+        qmo_seq_unget_datetime(&quotes[k], t.quote_ts.data(), t.quote_ts.size());
+        qmo_seq_const_datetime(&second[k], kSecond);
+        check(qmo_seq_div_datetime(&seconds[k], &quotes[k], &second[k]), "div");
+    }
+    check(qmo_seq_unique_datetime(&keys, &seconds[0]), "unique");
+    check(qmo_seq_group_agg_count(&counts, &seconds[1]), "group_agg_count");
+    qmo_seq_unget_datetime(&target, axis.data(), axis.size());
+    check(qmo_seq_stretch0_datetime_uint8(&placed, &target, &keys, &counts, 0), "stretch0");
+    double sum = 0;
+    uint64_t k = 0, tile[QMO_SEQ_TILE_SIZE];
+    for (;;) {
+        uint64_t n = QMO_SEQ_TILE_SIZE;
+        const int status = qmo_seq_get_uint8(&placed, tile, &n);
+        if (status == QMO_SEQ_END) break;
+        check(status, "reading the result");
+        for (uint64_t i = 0; i < n; ++i) sum += double(++k) * double(tile[i]);
+    }
+    return sum;
+}
+double quotes_per_second_loop(const tape::Tape &t) {
+    const std::vector<uint64_t> axis = second_axis(t);
+    double sum = 0;
+    size_t j = 0;
+    for (size_t k = 0; k < axis.size(); ++k) {
+        while (j < t.quote_ts.size() && t.quote_ts[j] / kSecond < axis[k]) ++j;
+        uint64_t count = 0;
+        while (j < t.quote_ts.size() && t.quote_ts[j] / kSecond == axis[k]) ++j, ++count;
+        sum += double(k + 1) * double(count);
+    }
+    return sum;
+}
+
 const Request kAll[] = {
     {"large_size", "total size of trades above 1000", large_size_library, large_size_loop, true},
     {"notional", "notional, sum of price x size", notional_library, notional_loop, false},
@@ -414,6 +567,12 @@ const Request kAll[] = {
     {"symbol_match", "trades whose symbol matches SYM1_%", symbol_match_library, symbol_match_loop, true},
     {"symbol_average", "largest average trade size of a symbol", symbol_average_library, symbol_average_loop,
      false},
+    {"bid_before", "bid prevailing at each trade, summed", bid_before_library, bid_before_loop, false},
+    {"bid_after_5ms", "next bid within 5 ms of a trade, summed", bid_after_library, bid_after_loop, false},
+    {"spread_on_axis", "price + bid carried onto all stamps", spread_on_axis_library, spread_on_axis_loop, false},
+    {"at_quote", "trades at a quote's stamp, price + bid", at_quote_library, at_quote_loop, false},
+    {"quotes_per_second", "quotes per second on the trades' seconds", quotes_per_second_library,
+     quotes_per_second_loop, true},
 };
 
 }  // namespace

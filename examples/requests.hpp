@@ -20,6 +20,7 @@ constexpr unsigned kTopTrades = 10;       // the largest trades listed
 constexpr uint64_t kSecond = 1000000;     // step of the closing-price series, in microseconds
 constexpr int64_t kSizeBins = 64;         // bins of the size histogram
 constexpr uint64_t kSampleEvery = 10;     // symbol runs: every this many trades
+constexpr uint64_t kQuoteWithin = 5000;   // forward bids: at most this many microseconds after the trade
 constexpr const char *kSymbolPattern = "SYM1_%";  // ids of two or more digits starting with 1
 
 // The time range of the price requests, [from, till) in microseconds: the

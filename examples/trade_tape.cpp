@@ -65,6 +65,7 @@ Tape generate(size_t rows, uint64_t seed) {
         t.symbol[i] = static_cast<uint16_t>(std::min(499.0, std::floor(500.0 * unit(rng) * unit(rng))));
     }
     name_symbols(t);
+    add_quotes(t);
     return t;
 }
 
@@ -75,6 +76,26 @@ void name_symbols(Tape &t) {
     for (size_t i = 0; i < t.rows(); ++i) {
         const int n = std::snprintf(name, sizeof name, "SYM%u", unsigned{t.symbol[i]});  // at most 8: no NUL then
         std::memcpy(t.name.data() + i * kWidth, name, static_cast<size_t>(n));
+    }
+}
+
+void add_quotes(Tape &t) {
+    const size_t n = t.rows() / 5;
+    t.quote_ts.resize(n);
+    t.bid.resize(n);
+    if (n == 0) return;
+    std::mt19937_64 rng(t.rows());
+    // Exponential gaps with the mean that spreads n quotes over the trades' span.
+    const double span = double(t.ts.back() - t.ts.front());
+    std::exponential_distribution<double> gap(double(n) / std::max(1.0, span));
+    std::normal_distribution<double> noise(0.0, 0.005);
+    uint64_t now = t.ts.front();
+    size_t k = 0;
+    for (size_t i = 0; i < n; ++i) {
+        now += 1 + static_cast<uint64_t>(gap(rng));
+        while (k + 1 < t.rows() && t.ts[k + 1] <= now) ++k;
+        t.quote_ts[i] = now;
+        t.bid[i] = std::round((t.price[k] - 0.01 + noise(rng)) * 100.0) / 100.0;
     }
 }
 
@@ -162,6 +183,7 @@ bool load_csv(const std::string &path, Tape &out, std::string &error) {
     }
     if (last_report != start) std::fprintf(stderr, "\rloading %s: %.1f million rows, done\n", path.c_str(), out.rows() / 1e6);
     name_symbols(out);
+    add_quotes(out);
     return true;
 }
 
@@ -207,7 +229,9 @@ bool write_columns(const std::string &dir, const Tape &t, std::string &error) {
         error = "cannot create " + dir + ": " + ec.message();
         return false;
     }
-    return for_each_column(t, [&](const auto &column, const char *name) {
+    // The quote tape too, for peers (the loaders derive it again).
+    auto quotes = [&t](auto f) { return f(t.quote_ts, "quote_ts.u64") && f(t.bid, "bid.f64"); };
+    const auto write = [&](const auto &column, const char *name) {
         const std::string path = dir + "/" + name;
         File f(std::fopen(path.c_str(), "wb"));
         if (!f) {
@@ -220,7 +244,8 @@ bool write_columns(const std::string &dir, const Tape &t, std::string &error) {
             return false;
         }
         return true;
-    });
+    };
+    return for_each_column(t, write) && quotes(write);
 }
 
 bool load_columns(const std::string &dir, Tape &out, std::string &error) {
@@ -258,7 +283,7 @@ bool load_columns(const std::string &dir, Tape &out, std::string &error) {
         error = dir + "/ts: time stamps are not in order";
         return false;
     }
-    if (read) name_symbols(out);
+    if (read) name_symbols(out), add_quotes(out);
     return read;
 }
 

@@ -34,11 +34,20 @@ struct Tape {
     Column<int32_t> size;     // heavy-tailed
     Column<uint16_t> symbol;  // skewed towards low ids
     Column<char> name;        // each symbol as char(8) text "SYM<id>", derived from symbol
+    // The quote tape beside it: bid stamps at their own pace (datetime,
+    // microseconds, increasing) and the bids, derived from the trades.
+    Column<uint64_t> quote_ts;
+    Column<double> bid;
     size_t rows() const { return ts.size(); }
 };
 
 // Derives the name column from the symbols (the loaders and generate do).
 void name_symbols(Tape &t);
+
+// Derives the quote tape from the trades (the loaders and generate do): one
+// quote for every five trades on average, over the trades' time span, bids a
+// random walk a cent or so below the trade price of the moment.
+void add_quotes(Tape &t);
 
 // `rows` trades from one session starting at 2026-11-23 09:30 UTC.
 Tape generate(size_t rows, uint64_t seed);

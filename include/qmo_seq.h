@@ -1879,6 +1879,118 @@ QMO_SEQ_SORT_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 QMO_SEQ_ALIGN_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /* ------------------------------------------------------------------------
+ * Alignment of ascending sequences: union, join, as-of join and stretch0.
+ * Operands that must be ascending are checked tile by tile as they are
+ * pulled: a null element is 703, an element below its predecessor (or a
+ * NaN, which has no order) is 62, so a result is never computed over a
+ * disordered tile. Equal neighbours are allowed. Constructors check types
+ * (61), then bindings (701), then their parameters (62), then write.
+ *
+ *   qmo_seq_union_<t>(result, left, right)                       -> t
+ *     The ascending merge of two ascending sequences, each value once:
+ *     the common axis of two series. Reset qmo_seq_reset_union_iterator
+ *     (word 1 the last value delivered, word 2 flags, word 3 the two tile
+ *     cursors). Nothing is allocated.
+ *
+ *   qmo_seq_join_<t>(left_positions, right_positions, left, right) -> uint8
+ *     The inner join on equal elements of two ascending sequences: every
+ *     equal pair once, as the ordinals of its left and right element, in
+ *     order of left then right ordinal. Both outputs advance in lockstep:
+ *     each step computes one tile of each, in whichever output is pulled
+ *     first, and hands the other its tile and status when it is pulled;
+ *     an output pulled again before the other has taken its tile gets 702.
+ *     A run of equal right elements is counted, not kept, so memory does not
+ *     grow with run lengths. The two outputs must be distinct records (62).
+ *     The constructor takes one shared record through qmo_seq_malloc (52 if
+ *     refused, nothing written); resetting both
+ *     outputs rewinds left and right and gives the record back, and the next
+ *     pull takes it again (52 then from that pull).
+ *
+ *   qmo_seq_asof_join_<ts>_<t>(result, left_stamps, right_stamps,
+ *                              right_values, direction, tolerance,
+ *                              allow_exact)                       -> t
+ *     One element per left stamp: the right value whose stamp matches it,
+ *     or null when none qualifies (or the matched value is null).
+ *     QMO_SEQ_ASOF_BACKWARD: the last right stamp <= the left one;
+ *     QMO_SEQ_ASOF_FORWARD: the first right stamp >= it; QMO_SEQ_ASOF_NEAREST:
+ *     the backward match unless the forward one is strictly nearer (an exact
+ *     match is then the last of its run, as backward). allow_exact 0 makes
+ *     the comparisons strict. Among equal right stamps backward takes the
+ *     last, forward the first. tolerance: the largest |left - right|
+ *     accepted, inclusive; all-ones accepts any distance. Another direction
+ *     is 62. Stamps of type ts (uint4, uint8, datetime), values of type t.
+ *
+ *   qmo_seq_stretch0_<ts>_<t>(result, target, source, values, filler) -> t
+ *     One element per target stamp: the value of the source element with
+ *     the same stamp (the last one where several share it), the filler (not
+ *     null) for a target no source stamp equals; source stamps absent from
+ *     the target are passed over.
+ *
+ * The as-of join and stretch0 pull right (source) stamps and values
+ * together: a values tile of another length, or a values pull that fails,
+ * is 702. Both read right stamps only as far as the left (target) stamps
+ * need; resets rewind the values, then both stamp sequences, and start
+ * over. Neither allocates.
+ * ---------------------------------------------------------------------- */
+
+/** Directions of qmo_seq_asof_join_<ts>_<t>. */
+#define QMO_SEQ_ASOF_BACKWARD 0
+#define QMO_SEQ_ASOF_FORWARD 1
+#define QMO_SEQ_ASOF_NEAREST 2
+
+/** (left_positions, right_positions, left, right): two uint8 outputs of one join. */
+#define QMO_SEQ_DECLARE_JOIN_(family, t, ctype, code)                                            \
+    QMO_SEQ_API int qmo_seq_##family##_##t(qmo_seq_iterator_t *left_positions,                  \
+                                           qmo_seq_iterator_t *right_positions,                 \
+                                           qmo_seq_iterator_t *left, qmo_seq_iterator_t *right); \
+    QMO_SEQ_API int qmo_seq_##family##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_JOIN TYPED
+#define QMO_SEQ_MERGE_JOIN NONE
+#define QMO_SEQ_SINGLE_join_reset                                                     \
+    /** Reset of either join output; the second of the pair rewinds and releases. */ \
+    QMO_SEQ_API int qmo_seq_join_reset(qmo_seq_iterator_t *it);
+/** (result, left_stamps, right_stamps, right_values, direction, tolerance, allow_exact). */
+#define QMO_SEQ_DECLARE_ASOF_(family, pair, ctype, code) QMO_SEQ_DECLARE_ASOF_I_(family, QMO_SEQ_EXPAND pair, ctype)
+#define QMO_SEQ_DECLARE_ASOF_I_(...) QMO_SEQ_DECLARE_ASOF_II_(__VA_ARGS__)
+#define QMO_SEQ_DECLARE_ASOF_II_(family, ts, t, tscode, ctype)                                             \
+    QMO_SEQ_API int qmo_seq_##family##_##ts##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *left_stamps, \
+                                                  qmo_seq_iterator_t *right_stamps,                        \
+                                                  qmo_seq_iterator_t *right_values, int32_t direction,     \
+                                                  uint64_t tolerance, int32_t allow_exact);                \
+    QMO_SEQ_API int qmo_seq_##family##_##ts##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_ASOF PAIRED
+#define QMO_SEQ_MERGE_ASOF NONE
+/** (result, target, source, values, filler), reset by qmo_seq_asof_reset. */
+#define QMO_SEQ_DECLARE_STRETCH0_(family, pair, ctype, code) \
+    QMO_SEQ_DECLARE_STRETCH0_I_(family, QMO_SEQ_EXPAND pair, ctype)
+#define QMO_SEQ_DECLARE_STRETCH0_I_(...) QMO_SEQ_DECLARE_STRETCH0_II_(__VA_ARGS__)
+#define QMO_SEQ_DECLARE_STRETCH0_II_(family, ts, t, tscode, ctype)                                        \
+    QMO_SEQ_API int qmo_seq_##family##_##ts##_##t(qmo_seq_iterator_t *result, qmo_seq_iterator_t *target, \
+                                                  qmo_seq_iterator_t *source, qmo_seq_iterator_t *values, \
+                                                  ctype filler);                                          \
+    QMO_SEQ_API int qmo_seq_##family##_##ts##_##t##_next(qmo_seq_iterator_t *it);
+#define QMO_SEQ_KIND_STRETCH0 PAIRED
+#define QMO_SEQ_MERGE_STRETCH0 NONE
+#define QMO_SEQ_SINGLE_asof_reset                                                        \
+    /** Reset of the as-of join and stretch0: values, then both stamp sequences. */     \
+    QMO_SEQ_API int qmo_seq_asof_reset(qmo_seq_iterator_t *it);
+
+#define QMO_SEQ_UNION_FAMILIES(X) \
+    X(union, BINARY, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703", "the ascending merge of two ascending sequences, each element once")
+QMO_SEQ_UNION_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+#define QMO_SEQ_JOIN_FAMILIES(X)                                                                                  \
+    X(join, JOIN, QMO_SEQ_NUMERIC_TYPES, 0, "61 701 62 703 52", "positions of every equal pair of two ascending sequences") \
+    X(join_reset, SINGLE, QMO_SEQ_UNTYPED, 0, "operands' reset statuses", "reset of either join output")
+QMO_SEQ_JOIN_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+#define QMO_SEQ_ASOF_FAMILIES(X)                                                                                   \
+    X(asof_join, ASOF, QMO_SEQ_STAMPED_TYPES, 0, "61 701 62 702 703", "the right value matched to each left stamp (backward, forward, nearest)") \
+    X(stretch0, STRETCH0, QMO_SEQ_STAMPED_TYPES, 0, "61 701 62 702 703", "a sparse series placed on a denser axis, a filler elsewhere") \
+    X(asof_reset, SINGLE, QMO_SEQ_UNTYPED, 0, "operands' reset statuses", "reset of asof_join and stretch0")
+QMO_SEQ_ASOF_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+/* ------------------------------------------------------------------------
  * Every family, group by group (the order of docs/reference.md).
  * ---------------------------------------------------------------------- */
 #define QMO_SEQ_FAMILIES(X)                                                                        \
@@ -1890,13 +2002,14 @@ QMO_SEQ_ALIGN_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
     QMO_SEQ_SCALAR_FAMILIES(X) QMO_SEQ_PAIR_FAMILIES(X) QMO_SEQ_PARTIAL_RESULT_FAMILIES(X) QMO_SEQ_GRID_FAMILIES(X)        \
     QMO_SEQ_WINDOW_FAMILIES(X) QMO_SEQ_CUMULATIVE_FAMILIES(X) QMO_SEQ_RUN_FAMILIES(X)             \
     QMO_SEQ_HASH_FAMILIES(X) QMO_SEQ_TOP_FAMILIES(X) QMO_SEQ_SORT_FAMILIES(X)                     \
-    QMO_SEQ_ALIGN_FAMILIES(X)
+    QMO_SEQ_ALIGN_FAMILIES(X) QMO_SEQ_UNION_FAMILIES(X) QMO_SEQ_JOIN_FAMILIES(X) QMO_SEQ_ASOF_FAMILIES(X)
 
 /** The groups by name, X(group): docs/reference.md gives one section to each. */
 #define QMO_SEQ_FAMILY_GROUPS(X)                                                              \
     X(CORE) X(FRAME) X(READER) X(CONST) X(SOURCE) X(PLUMBING) X(META) X(CONVERSION) X(PARSE) X(TEXT) X(MATCH)  \
     X(ARITHMETIC) X(COMPARISON) X(CONDITIONAL) X(FILTER) X(RESHAPE) X(ANALYTICS) X(SCALAR) X(PAIR) \
-    X(PARTIAL_RESULT) X(GRID) X(WINDOW) X(CUMULATIVE) X(RUN) X(HASH) X(TOP) X(SORT) X(ALIGN)
+    X(PARTIAL_RESULT) X(GRID) X(WINDOW) X(CUMULATIVE) X(RUN) X(HASH) X(TOP) X(SORT) X(ALIGN) X(UNION) X(JOIN) X(ASOF)
+
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -81,6 +81,7 @@ struct Plan {
     std::vector<std::shared_ptr<ScanContext>> scans;
     std::deque<Iter> records;
     std::unordered_map<const Iter *, Iter *> groups;  // a hash aggregate's group output
+    std::unordered_map<const Iter *, Iter *> twins;   // a join's right positions, pulled in lockstep
     std::vector<Iter *> hashes;
     std::vector<std::pair<int (*)(Iter *), Iter *>> resets;  // records that hold memory until reset
     explicit Plan(bool types_only = false) : probe(types_only) {}
@@ -180,6 +181,22 @@ Make hashed(F f, bool with_values) {
         if (rc == QMO_SEQ_OK) {
             plan.groups[agg] = grp;
             plan.hashes.push_back(agg);
+        }
+        return rc;
+    };
+}
+
+// Joins: a second record for the right positions; resetting both gives the
+// shared record back.
+template <class F>
+Make joined(F f) {
+    return [f](Plan &plan, Iter *lp, Iter *const *o, const Params &) {
+        Iter *rp = plan.record();
+        const int rc = f(lp, rp, o[0], o[1]);
+        if (rc == QMO_SEQ_OK) {
+            plan.twins[lp] = rp;
+            plan.resets.emplace_back(qmo_seq_join_reset, lp);
+            plan.resets.emplace_back(qmo_seq_join_reset, rp);
         }
         return rc;
     };
@@ -290,6 +307,18 @@ Make hashed(F f, bool with_values) {
     add(#family "_" #ts, 3, 2, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {              \
         return qmo_seq_##family##_##ts##_##t(r, o[0], o[1], o[2], param<ctype>(p, 0));                   \
     });
+// As-of joins (left stamps, right stamps, right values; direction, tolerance,
+// exactness) and stretch0 (target, source, values; filler): one operator per stamp type.
+#define QMO_PY_ASOF(family, pair, ctype, code) QMO_PY_ASOF_I_(family, QMO_SEQ_EXPAND pair, ctype, code)
+#define QMO_PY_ASOF_I_(...) QMO_PY_ASOF_II_(__VA_ARGS__)
+#define QMO_PY_ASOF_II_(family, ts, t, tscode, ctype, code)                                             \
+    add(#family "_" #ts, 3, 2, code, [](Plan &, Iter *r, Iter *const *o, const Params &p) {             \
+        return qmo_seq_##family##_##ts##_##t(r, o[0], o[1], o[2], param<int32_t>(p, 0), p.at(1),        \
+                                             param<int32_t>(p, 2));                                     \
+    });
+#define QMO_PY_STRETCH0 QMO_PY_STRETCH
+// Joins: (left, right) give the two position outputs, pulled in lockstep.
+#define QMO_PY_JOIN(family, t, ctype, code) add(#family, 2, 0, code, joined(qmo_seq_##family##_##t));
 // Hash aggregates: (values, keys), the values' type chooses; the count takes any.
 #define QMO_PY_HASH(op, t, ctype, code) add("hash_agg_" #op, 2, 0, code, hashed(qmo_seq_hash_agg_##op##_##t, true));
 #define QMO_PY_HASH_COUNT(op, t, ctype, code) add_any("hash_agg_" #op, 1, hashed(qmo_seq_hash_agg_##op##_##t, false));
@@ -455,8 +484,31 @@ py::tuple collect(Iter *it) {
     return py::make_tuple(raw, mask, it->elem_type, it->elem_size);
 }
 
-// A hash aggregate gives (groups, aggregates); anything else its one sequence.
+// Two outputs that advance together, each step's tiles taken from both.
+py::tuple collect_pair(Iter *a, Iter *b) {
+    std::vector<uint64_t> left, right;
+    int rc;
+    {
+        py::gil_scoped_release unlocked;
+        while ((rc = a->next(a)) == QMO_SEQ_OK) {
+            if ((rc = b->next(b)) != QMO_SEQ_OK) break;
+            left.insert(left.end(), a->values.u8, a->values.u8 + a->tile_count);
+            right.insert(right.end(), b->values.u8, b->values.u8 + b->tile_count);
+        }
+    }
+    if (rc != QMO_SEQ_END) throw StatusError{rc};
+    auto as_array = [](const std::vector<uint64_t> &v) {
+        py::array_t<uint8_t> raw(static_cast<py::ssize_t>(v.size() * 8));
+        std::memcpy(raw.mutable_data(), v.data(), v.size() * 8);
+        return py::make_tuple(raw, py::none(), int{QMO_SEQ_TYPE_UINT8}, 8);
+    };
+    return py::make_tuple(as_array(left), as_array(right));
+}
+
+// A hash aggregate gives (groups, aggregates), a join (left, right
+// positions); anything else its one sequence.
 py::object pull(Plan &plan, Iter *root) {
+    if (const auto twin = plan.twins.find(root); twin != plan.twins.end()) return collect_pair(root, twin->second);
     const auto grp = plan.groups.find(root);
     if (grp == plan.groups.end()) return collect(root);
     py::tuple aggregates = collect(root);

@@ -39,19 +39,22 @@ constexpr bool is_signed_v = std::is_signed_v<V<Tag>> && !is_float_v<Tag>;
 // fn::<family><Tag>: the family's exported function for the tag's type, for
 // every row of the registry with typed members (hash aggregates as
 // fn::hash_agg_<op>, time-stamped families as fn::<family><TsTag, Tag>).
-// if and const are C++ keywords and get no entry.
+// Families named by a C++ keyword (if, const, union) get a trailing underscore.
 namespace fn {
 #define TEST_SECOND_(a, b, ...) b
 #define TEST_SECOND_I_(...) TEST_SECOND_(__VA_ARGS__)
 #define TEST_KEYWORD_if ~, 1
 #define TEST_KEYWORD_const ~, 1
+#define TEST_KEYWORD_union ~, 1
 #define TEST_IS_KEYWORD_(family) TEST_SECOND_I_(TEST_KEYWORD_##family, 0, ~)
 
-#define TEST_FN_(family, t, ctype, code) template <> inline constexpr auto family<t_##t> = qmo_seq_##family##_##t;
-#define TEST_TABLE_(family, types)                                                                           \
+#define TEST_FN_(a, t, ctype, code) TEST_FN_I_(QMO_SEQ_EXPAND a, t)
+#define TEST_FN_I_(...) TEST_FN_II_(__VA_ARGS__)
+#define TEST_FN_II_(name, family, t) template <> inline constexpr auto name<t_##t> = qmo_seq_##family##_##t;
+#define TEST_TABLE_(name, family, types)                                                                     \
     template <class Tag>                                                                                     \
-    inline constexpr auto family = nullptr;                                                                  \
-    types(TEST_FN_, family)
+    inline constexpr auto name = nullptr;                                                                    \
+    types(TEST_FN_, (name, family))
 #define TEST_HASH_FN_(op, t, ctype, code) \
     template <> inline constexpr auto hash_agg_##op<t_##t> = qmo_seq_hash_agg_##op##_##t;
 #define TEST_PAIR_FN_(family, pair, ctype, code) TEST_PAIR_FN_I_(family, QMO_SEQ_EXPAND pair)
@@ -66,8 +69,8 @@ namespace fn {
 #define TEST_KIND_TYPED(shape, family, types) TEST_TYPED_I_(TEST_IS_KEYWORD_(family), family, types)
 #define TEST_TYPED_I_(keyword, family, types) TEST_TYPED_II_(keyword, family, types)
 #define TEST_TYPED_II_(keyword, family, types) TEST_TYPED_##keyword(family, types)
-#define TEST_TYPED_0(family, types) TEST_TABLE_(family, types)
-#define TEST_TYPED_1(family, types)
+#define TEST_TYPED_0(family, types) TEST_TABLE_(family, family, types)
+#define TEST_TYPED_1(family, types) TEST_TABLE_(family##_, family, types)
 #define TEST_KIND_HASHED(shape, family, types) \
     template <class Tag>                        \
     inline constexpr auto hash_agg_##family = nullptr; \
@@ -79,10 +82,12 @@ namespace fn {
     template <class TsTag, class Tag>                     \
     inline constexpr auto family = nullptr;               \
     types(TEST_PAIR_FN_, family)
+#define TEST_PAIRED_ASOF TEST_PAIRED_STRETCH
+#define TEST_PAIRED_STRETCH0 TEST_PAIRED_STRETCH
 
 QMO_SEQ_FAMILIES(TEST_ROW_)
 // The sort family's ordering iterators.
-TEST_TABLE_(order_by, QMO_SEQ_NUMERIC_TYPES)
+TEST_TABLE_(order_by, order_by, QMO_SEQ_NUMERIC_TYPES)
 }  // namespace fn
 
 // The eleven numeric tags as gtest types (a dummy first entry eats the comma).

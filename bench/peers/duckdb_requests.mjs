@@ -78,6 +78,17 @@ const requests = {
         SELECT symbol, lag(symbol) OVER (ORDER BY pos) AS before FROM trades WHERE pos % ${p.sample_every} = 0)`,
     symbol_match: `SELECT count(*) FROM trades WHERE name LIKE ${text(p.symbol_pattern)}`,
     symbol_average: `SELECT max(average) FROM (SELECT avg(size) AS average FROM trades GROUP BY symbol)`,
+    // Alignment with the quote tape (loaded as quotes(ts, bid)).
+    bid_before: `SELECT coalesce(sum(q.bid), 0) FROM trades t ASOF JOIN quotes q ON t.ts >= q.ts`,
+    bid_after_5ms: `SELECT coalesce(sum(q.bid), 0) FROM trades t ASOF JOIN quotes q ON t.ts <= q.ts
+        WHERE epoch_us(q.ts) - epoch_us(t.ts) <= ${p.quote_within_us}`,
+    spread_on_axis: `WITH axis AS (SELECT ts FROM trades UNION SELECT ts FROM quotes)
+        SELECT coalesce(sum(t.price + q.bid), 0) FROM axis a
+        ASOF JOIN trades t ON a.ts >= t.ts ASOF JOIN quotes q ON a.ts >= q.ts`,
+    at_quote: `SELECT coalesce(sum(t.price + q.bid), 0) FROM trades t JOIN quotes q ON t.ts = q.ts`,
+    quotes_per_second: `WITH c AS (SELECT epoch_us(ts) // ${p.second_us} AS s, count(*) AS n FROM quotes GROUP BY s),
+        b AS (SELECT min(epoch_us(ts)) // ${p.second_us} AS lo, max(epoch_us(ts)) // ${p.second_us} AS hi FROM trades)
+        SELECT coalesce(sum((c.s - b.lo + 1) * c.n), 0) FROM c, b WHERE c.s BETWEEN b.lo AND b.hi`,
 };
 
 const instance = await DuckDBInstance.create(':memory:', { threads: String(threads) });
@@ -113,6 +124,29 @@ for (let start = 0; start < rows; start += chunkRows) {
     appender.appendDataChunk(chunk);
 }
 appender.closeSync();
+// The quote tape: stamps and bids.
+await connection.run('CREATE TABLE quotes (ts TIMESTAMP, bid DOUBLE)');
+{
+    const quoteColumns = [['quote_ts.u64', 8], ['bid.f64', 8]].map(([name, width]) => {
+        const bytes = readFileSync(`${dir}/${name}`);
+        return { name, width, bytes, rows: bytes.length / width };
+    });
+    const quoteRows = quoteColumns[0].rows;
+    if (quoteColumns[1].rows !== quoteRows) throw new Error(`${dir}: quote_ts.u64 and bid.f64 differ in length`);
+    const quoteAppender = await connection.createAppender('quotes');
+    const quoteChunk = DuckDBDataChunk.create([TIMESTAMP, DOUBLE]);
+    for (let start = 0; start < quoteRows; start += chunkRows) {
+        const n = Math.min(chunkRows, quoteRows - start);
+        quoteChunk.reset();
+        quoteColumns.forEach((c, i) => {
+            const vector = bindings.data_chunk_get_vector(quoteChunk.chunk, i);
+            bindings.copy_data_to_vector(vector, 0, c.bytes.buffer, c.bytes.byteOffset + start * c.width, n * c.width);
+        });
+        quoteChunk.rowCount = n;
+        quoteAppender.appendDataChunk(quoteChunk);
+    }
+    quoteAppender.closeSync();
+}
 // The names as VARCHAR (DuckDB's CHAR(8) is VARCHAR too), in the tape's order.
 await connection.run(`CREATE TABLE trades AS SELECT *, 'SYM' || symbol AS name FROM tape ORDER BY pos`);
 await connection.run('DROP TABLE tape');

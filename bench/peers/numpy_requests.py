@@ -69,6 +69,10 @@ def main():
         if len(column) != rows:
             sys.exit(f"{tape}: {name} has {len(column)} values, ts has {rows}")
 
+    quotes = np.fromfile(f"{tape}/quote_ts.u64", dtype="<i8")
+    bid = np.fromfile(f"{tape}/bid.f64", dtype="<f8")
+    within = p["quote_within_us"]
+
     # Fixed-width bytes, NUL-padded, as the library holds them.
     names = np.char.add(b"SYM", np.arange(65536).astype("S5"))[symbol]
 
@@ -158,6 +162,38 @@ def main():
         traded = counts > 0
         return float((sums[traded] / counts[traded]).max())
 
+    # Alignment of trades and quotes: binary searches of one sorted column in another.
+    def bid_before():
+        j = np.searchsorted(quotes, stamps, "right")  # quotes at or before each trade
+        return float(bid[j[j > 0] - 1].sum())
+
+    def bid_after():
+        j = np.searchsorted(quotes, stamps, "left")  # the first quote at or after each trade
+        has = j < len(quotes)
+        j, at = j[has], stamps[has]
+        return float(bid[j[quotes[j] - at <= within]].sum())
+
+    def spread_on_axis():
+        axis = np.union1d(stamps, quotes)
+        i, j = np.searchsorted(stamps, axis, "right"), np.searchsorted(quotes, axis, "right")
+        both = (i > 0) & (j > 0)
+        return float((price[i[both] - 1] + bid[j[both] - 1]).sum())
+
+    def at_quote():
+        # Stamps are distinct within each tape, so pairs are single matches.
+        _, i, j = np.intersect1d(stamps, quotes, assume_unique=True, return_indices=True)
+        return float((price[i] + bid[j]).sum())
+
+    def quotes_per_second():
+        if rows == 0:
+            return 0
+        step = p["second_us"]
+        first, last = stamps[0] // step, stamps[-1] // step
+        seconds = quotes // step
+        seconds = seconds[(seconds >= first) & (seconds <= last)] - first
+        counts = np.bincount(seconds, minlength=last - first + 1)
+        return int(counts @ np.arange(1, len(counts) + 1))
+
     requests = {
         "large_size": lambda: int(size[size > p["large_trade"]].sum(dtype=np.int64)),
         "notional": lambda: float((price * size).sum()),
@@ -173,6 +209,11 @@ def main():
         "sampled_symbol_runs": sampled_symbol_runs,
         "symbol_match": symbol_match,
         "symbol_average": symbol_average,
+        "bid_before": bid_before,
+        "bid_after_5ms": bid_after,
+        "spread_on_axis": spread_on_axis,
+        "at_quote": at_quote,
+        "quotes_per_second": quotes_per_second,
     }
 
     with warnings.catch_warnings():

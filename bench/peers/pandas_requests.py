@@ -1,6 +1,7 @@
 """The trade-tape requests in pandas, written as a pandas user would: one
-DataFrame, boolean masks, rolling, ewm, resample and groupby. Prints each
-result and its best time as JSON; loading the tape is not timed.
+DataFrame, boolean masks, rolling, ewm, resample and groupby, and for the
+quotes merge_asof and merge. Prints each result and its best time as JSON;
+loading the tape is not timed.
 
     /usr/bin/python3 pandas_requests.py TAPE_DIR LIBRARY_JSON [RUNS]
 
@@ -94,6 +95,25 @@ def main():
             return math.nan
         return float(df.groupby("symbol")["size"].mean().max())
 
+    # The alignment requests work on the stamps as integers (microseconds).
+    trades = pd.DataFrame({"ts": stamps, "price": price.to_numpy()})
+    quotes = pd.DataFrame({"ts": np.fromfile(f"{tape}/quote_ts.u64", dtype="<i8"),
+                           "bid": np.fromfile(f"{tape}/bid.f64", dtype="<f8")})
+    on_ts = trades[["ts"]]
+
+    def spread_on_axis():
+        axis = pd.DataFrame({"ts": pd.Index(stamps).union(pd.Index(quotes["ts"])).to_numpy()})
+        carried = pd.merge_asof(pd.merge_asof(axis, trades, on="ts"), quotes, on="ts")
+        return float((carried["price"] + carried["bid"]).sum())
+
+    def quotes_per_second():
+        if rows == 0:
+            return 0
+        step = p["second_us"]
+        first, last = stamps[0] // step, stamps[-1] // step
+        counts = (quotes["ts"] // step).value_counts().reindex(np.arange(first, last + 1), fill_value=0)
+        return int(counts.to_numpy() @ np.arange(1, len(counts) + 1))
+
     requests = {
         "large_size": lambda: int(size[size > p["large_trade"]].sum()),
         "notional": lambda: float((price * size).sum()),
@@ -109,6 +129,12 @@ def main():
         "sampled_symbol_runs": sampled_symbol_runs,
         "symbol_match": lambda: int(df["name"].str.fullmatch(pattern).sum()),
         "symbol_average": symbol_average,
+        "bid_before": lambda: float(pd.merge_asof(on_ts, quotes, on="ts")["bid"].sum()),
+        "bid_after_5ms": lambda: float(pd.merge_asof(on_ts, quotes, on="ts", direction="forward",
+                                                     tolerance=p["quote_within_us"])["bid"].sum()),
+        "spread_on_axis": spread_on_axis,
+        "at_quote": lambda: float(trades.merge(quotes, on="ts").eval("price + bid").sum()),
+        "quotes_per_second": quotes_per_second,
     }
 
     with warnings.catch_warnings():

@@ -69,6 +69,28 @@ def main():
         counts = q.array(size).histogram(low, high + 1, p["size_bins"]).evaluate()
         return total + int((counts * np.arange(1, len(counts) + 1)).sum())
 
+    quotes = np.fromfile(f"{tape}/quote_ts.u64", dtype="<u8").view("M8[ns]")
+    bid = np.fromfile(f"{tape}/bid.f64", dtype="<f8")
+    within = np.timedelta64(p["quote_within_us"], "ns")  # stamps read as datetime64[ns]: one unit per microsecond
+
+    def spread_on_axis():
+        axis = q.union(q.array(ts), q.array(quotes))
+        return zero_if_none((q.array(price).asof(q.array(ts), axis) + q.array(bid).asof(q.array(quotes), axis)).sum().item())
+
+    def at_quote():
+        left, right = q.join(q.array(ts), q.array(quotes)).evaluate()
+        return float((price[left] + bid[right]).sum())
+
+    def quotes_per_second():
+        step = p["second_us"]
+        if rows == 0:
+            return 0
+        seconds = q.array(quotes.view("<u8")) / step  # integer division, as the library divides integers
+        first, last = stamps[0] // step, stamps[-1] // step
+        axis = np.arange(first, last + 1, dtype=np.uint64)
+        placed = seconds.group_runs(seconds).count().place(seconds.unique(), q.array(axis)).evaluate()
+        return int(placed.astype(np.int64) @ np.arange(1, len(axis) + 1))
+
     requests = {
         "large_size": lambda: zero_if_none(q.array(size)[q.array(size) > p["large_trade"]].sum().item()),
         "notional": lambda: zero_if_none((q.array(price) * q.array(size)).sum().item()),
@@ -84,6 +106,12 @@ def main():
         "sampled_symbol_runs": lambda: q.array(symbol).thin(p["sample_every"]).unique().agg_count().item(),
         "symbol_match": lambda: zero_if_none(q.array(names).match(p["symbol_pattern"]).sum().item()),
         "symbol_average": lambda: q.array(size).group_by(q.array(symbol)).mean().max().item(),
+        "bid_before": lambda: zero_if_none(q.array(bid).asof(q.array(quotes), q.array(ts)).sum().item()),
+        "bid_after_5ms": lambda: zero_if_none(
+            q.array(bid).asof(q.array(quotes), q.array(ts), direction="forward", tolerance=within).sum().item()),
+        "spread_on_axis": spread_on_axis,
+        "at_quote": at_quote,
+        "quotes_per_second": quotes_per_second,
     }
 
     timing.dump(f"qmo_seq from Python, mergeable requests on {os.cpu_count()} threads (numpy {np.__version__})",

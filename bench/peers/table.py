@@ -48,6 +48,9 @@ def tolerance(key, rows, params, library):
     average.
     """
     n = params["range_rows"] if key in ("price_mean", "price_dev") else rows
+    if key == "spread_on_axis":
+        n = rows + rows // 5  # the common axis of trades and quotes: two terms at each stamp
+        n *= 2
     bound = 2 * max(n - 1, 0) * U
     if key == "moving_price":
         bound += 2 * n * U + 100 * U

@@ -25,7 +25,8 @@ from . import _core
 if TYPE_CHECKING:
     import pandas as pd
 
-__all__ = ["Error", "Expr", "GroupBy", "RunGroupBy", "array", "parse", "where", "merge", "result", "to_pandas", "PARTITION_ROWS"]
+__all__ = ["Error", "Expr", "GroupBy", "RunGroupBy", "array", "parse", "where", "merge", "result", "to_pandas", "PARTITION_ROWS",
+           "union", "join"]
 
 #: What ``evaluate`` gives: one array, or (keys, aggregates) of a group-by.
 Output = Union[np.ndarray, Tuple[np.ndarray, np.ndarray]]
@@ -80,6 +81,7 @@ def _bits(value, dtype):
 
 
 _STAMPS = {2: "uint4", 3: "uint8", 12: "datetime"}
+_DIRECTIONS = {"backward": 0, "forward": 1, "nearest": 2}
 
 
 def _unpack(raw, mask, code, width, boolean=False):
@@ -88,7 +90,7 @@ def _unpack(raw, mask, code, width, boolean=False):
 
 
 def _output(pulled, boolean=False):
-    if isinstance(pulled[0], tuple):  # groups and aggregates
+    if isinstance(pulled[0], tuple):  # groups and aggregates, or a join's two position arrays
         return tuple(_unpack(*part) for part in pulled)
     return _unpack(*pulled, boolean=boolean)
 
@@ -329,6 +331,43 @@ class Expr:
         if kind is None or onto.node.type != stamps.node.type:
             raise TypeError("stretch takes stamps of one type: uint32, uint64 or datetime64[ns]")
         return Expr(_core.op("stretch_" + kind, [onto.node, stamps.node, self.node], [_bits(filler, self.dtype)]))
+
+    def asof(self, stamps: Expr, onto: Expr, direction: str = "backward", tolerance: Any = None,
+             allow_exact: bool = True) -> Expr:
+        """This sequence, stamped by ascending stamps, matched to each ascending stamp of onto.
+
+        direction: "backward" (the last stamp <= it), "forward" (the first >=)
+        or "nearest" (backward unless forward is strictly nearer). tolerance:
+        the largest distance accepted (in the stamps' unit; a numpy
+        timedelta64 for datetime stamps); None accepts any. allow_exact=False
+        makes the comparisons strict. Null where nothing qualifies.
+        """
+        kind = self._stamp_kind(stamps, onto)
+        code = _DIRECTIONS.get(direction)
+        if code is None:
+            raise ValueError(f"direction is one of {', '.join(_DIRECTIONS)}")
+        if tolerance is None:
+            limit = (1 << 64) - 1
+        elif isinstance(tolerance, np.timedelta64):
+            limit = int(tolerance.astype("m8[ns]").astype(np.int64))
+        else:
+            limit = int(tolerance)
+        if limit < 0:
+            raise ValueError("tolerance is not negative")
+        return Expr(_core.op("asof_join_" + kind, [onto.node, stamps.node, self.node], [code, limit, int(bool(allow_exact))]))
+
+    def place(self, stamps: Expr, onto: Expr, filler: Any = 0) -> Expr:
+        """This sequence, stamped by ascending stamps, placed on the ascending stamps onto: the value at an
+        equal stamp (the last of several), filler elsewhere."""
+        kind = self._stamp_kind(stamps, onto)
+        return Expr(_core.op("stretch0_" + kind, [onto.node, stamps.node, self.node], [_bits(filler, self.dtype)]))
+
+    @staticmethod
+    def _stamp_kind(stamps, onto):
+        kind = _STAMPS.get(stamps.node.type)
+        if kind is None or onto.node.type != stamps.node.type:
+            raise TypeError("stamps of one type: uint32, uint64 or datetime64[ns]")
+        return kind
 
     def match(self, pattern: Union[str, bytes]) -> Expr:
         """Whether each char element matches a pattern (% any run, _ any one, backslash escapes)."""
@@ -644,3 +683,16 @@ def to_pandas(output: Output) -> pd.Series:
         keys, values = output
         return pd.Series(_pandas_values(values), index=pd.Index(_pandas_values(keys)))
     return pd.Series(_pandas_values(output))
+
+
+def union(a: Expr, b: Expr) -> Expr:
+    """The ascending values of two ascending sequences, each once (their common axis)."""
+    left, right = a._pair(b)
+    return left._op("union", right)
+
+
+def join(a: Expr, b: Expr) -> Expr:
+    """The inner join of two ascending sequences on equal values: evaluate() gives the positions
+    (uint64) of every equal pair in a and in b, ordered by a's position, then b's."""
+    left, right = a._pair(b)
+    return left._op("join", right)

@@ -245,3 +245,36 @@ def test_partials_of_another_family_or_cut_short_raise():
     with pytest.raises(q.Error) as raised:
         q.merge([x.sum().partial()[:-1]])
     assert raised.value.status == 62
+
+
+def test_alignment_matches_numpy():
+    rng = np.random.default_rng(29)
+    quotes = np.sort(rng.integers(0, 10_000, 700)).astype("M8[ns]")     # repeats included
+    trades = np.sort(rng.integers(0, 10_000, 900)).astype("M8[ns]")
+    bids = rng.random(700)
+    qs, qt, qb = q.array(quotes), q.array(trades), q.array(bids)
+    back = np.searchsorted(quotes, trades, "right") - 1                 # the last quote <= each trade
+    got = qb.asof(qs, qt).evaluate()
+    np.testing.assert_array_equal(np.ma.getmaskarray(got), back < 0)
+    np.testing.assert_array_equal(got[back >= 0], bids[back[back >= 0]])
+    ahead = np.searchsorted(quotes, trades, "left")                      # the first quote >= each trade
+    ok = ahead < len(quotes)
+    ok[ok] &= (quotes[ahead[ok]] - trades[ok]) <= np.timedelta64(5, "ns")
+    got = qb.asof(qs, qt, direction="forward", tolerance=np.timedelta64(5, "ns")).evaluate()
+    np.testing.assert_array_equal(np.ma.getmaskarray(got), ~ok)
+    np.testing.assert_array_equal(got[ok], bids[ahead[ok]])
+    assert qb.asof(qs, qt, direction="nearest", allow_exact=False).evaluate().shape == trades.shape
+    with pytest.raises(ValueError):
+        qb.asof(qs, qt, direction="sideways")
+    np.testing.assert_array_equal(q.union(qs, qt).evaluate(), np.union1d(quotes, trades))
+    left, right = q.join(qt, qs).evaluate()
+    pairs = [(i, j) for i in range(len(trades)) for j in np.flatnonzero(quotes == trades[i])]
+    np.testing.assert_array_equal(np.stack([left, right], 1).reshape(-1, 2), np.array(pairs).reshape(-1, 2))
+    counts = np.array([3, 1, 4], dtype=np.int64)
+    seconds = np.array([2, 5, 9], dtype=np.uint32)
+    axis = np.arange(12, dtype=np.uint32)
+    placed = q.array(counts).place(q.array(seconds), q.array(axis)).evaluate()
+    np.testing.assert_array_equal(placed, [0, 0, 3, 0, 0, 1, 0, 0, 0, 4, 0, 0])
+    with pytest.raises(q.Error) as raised:
+        q.union(q.array(np.array([2, 1], dtype=np.int32)), q.array(np.array([], dtype=np.int32))).evaluate()
+    assert raised.value.status == 62
