@@ -80,7 +80,7 @@ def _bits(value, dtype):
     return int.from_bytes(np.array(value, dtype=dtype).tobytes(), "little")
 
 
-_STAMPS = {2: "uint4", 3: "uint8", 12: "datetime"}
+_STAMPS = {_core.types["UINT4"]: "uint4", _core.types["UINT8"]: "uint8", _core.types["DATETIME"]: "datetime"}
 _DIRECTIONS = {"backward": 0, "forward": 1, "nearest": 2}
 
 
