@@ -6,6 +6,7 @@
 // header's lists.
 #include "aggregate/fold.hpp"
 #include "aggregate/hash_table.hpp"
+#include "frame/crc32c.hpp"
 
 #include <bit>
 #include <string_view>
@@ -16,6 +17,13 @@ static_assert(std::endian::native == std::endian::little, "the format is written
 
 inline constexpr size_t kHeader = QMO_SEQ_PARTIAL_HEADER_BYTES;
 inline constexpr uint8_t kAny = QMO_SEQ_PARTIAL_ANY_TYPE;
+inline constexpr size_t kCrcAt = 12;
+
+// The checksum covers every byte but its own four.
+uint32_t checksum(const unsigned char *bytes, uint64_t size) {
+    const uint32_t head = crc32c(0, bytes, kCrcAt);
+    return crc32c(head, bytes + kCrcAt + 4, size - kCrcAt - 4);
+}
 
 constexpr uint16_t family_code(std::string_view family) {
 #define QMO_PARTIAL_CODE_(name, NAME, code) \
@@ -294,19 +302,24 @@ inline qmo_seq_partial_header_t header_of(const Iter *it, const Member &m) {
 }
 
 int read_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *h) {
-    Reader r{static_cast<const unsigned char *>(bytes), size};
-    uint32_t magic, reserved;
+    const auto *at = static_cast<const unsigned char *>(bytes);
     if (!bytes || size < kHeader) return QMO_SEQ_INVALID_ARGUMENT;
+    // Damaged bytes are refused before any field of them is believed.
+    uint32_t magic, crc;
+    std::memcpy(&crc, at + kCrcAt, 4);
+    if (crc != checksum(at, size)) return QMO_SEQ_INVALID_ARGUMENT;
+    Reader r{at, size};
+    qmo_seq_partial_header_t got;
     r.take(magic);
-    r.take(h->version);
-    r.take(h->family);
-    r.take(h->elem_type);
-    r.take(h->key_type);
-    r.take(h->key_width);
-    r.take(reserved);
-    r.take(h->payload_bytes);
-    if (magic != QMO_SEQ_PARTIAL_MAGIC || h->version != QMO_SEQ_PARTIAL_VERSION || reserved != 0)
-        return QMO_SEQ_INVALID_ARGUMENT;
+    r.take(got.version);
+    r.take(got.family);
+    r.take(got.elem_type);
+    r.take(got.key_type);
+    r.take(got.key_width);
+    r.take(crc);
+    r.take(got.payload_bytes);
+    if (magic != QMO_SEQ_PARTIAL_MAGIC || got.version != QMO_SEQ_PARTIAL_VERSION) return QMO_SEQ_INVALID_ARGUMENT;
+    *h = got;
     return QMO_SEQ_OK;
 }
 
@@ -328,6 +341,9 @@ int export_partial(const Iter *it, void *bytes, uint64_t *size) {
     w.put<uint32_t>(0);
     w.put(h.payload_bytes);
     m->kind->save(it, w);
+    auto *out = static_cast<unsigned char *>(bytes);
+    const uint32_t crc = checksum(out, *size);
+    std::memcpy(out + kCrcAt, &crc, 4);
     return QMO_SEQ_OK;
 }
 

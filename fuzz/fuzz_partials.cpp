@@ -1,7 +1,9 @@
 // Importer of partial results: arbitrary bytes into records of every kind
 // must give a status or a record that can be pulled, merged and exported.
-// First input byte: the record (low bits) and whether the harness writes a
-// valid header for it (high bit), so that payloads are explored as well.
+// First input byte: the record (low bits); with the high bit the harness
+// writes a valid header for it, and with bit 6 or the high bit it makes the
+// checksum match, so that header fields and payloads are explored as well.
+#include "frame/crc32c.hpp"
 #include "qmo_seq.h"
 
 #include <cstdint>
@@ -66,6 +68,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::memcpy(bytes.data() + 16, &payload, 8);
     }
     bytes.insert(bytes.end(), data + 1, data + size);
+    if ((data[0] & 0xC0) && bytes.size() >= QMO_SEQ_PARTIAL_HEADER_BYTES) {
+        const uint32_t crc = qmo::crc32c(qmo::crc32c(0, bytes.data(), 12), bytes.data() + 16, bytes.size() - 16);
+        std::memcpy(bytes.data() + 12, &crc, 4);
+    }
     if (qmo_seq_import_partial(&r.agg, bytes.data(), bytes.size()) == QMO_SEQ_OK) {
         other.agg.prepare(&other.agg);
         r.agg.merge(&r.agg, &other.agg);

@@ -936,7 +936,8 @@ QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
  * built by the family's constructor as usual; an import leaves its
  * operands alone (a merging side builds it over an empty source).
  *
- * Format, version 1. Integers little-endian; 24 header bytes:
+ * Format, version 2 (version 1 had no checksum and is refused). Integers
+ * little-endian; 24 header bytes:
  *   0  u32  QMO_SEQ_PARTIAL_MAGIC ("QSPR")
  *   4  u16  QMO_SEQ_PARTIAL_VERSION
  *   6  u16  family (QMO_SEQ_PARTIAL_FAMILIES below)
@@ -945,7 +946,8 @@ QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
  *           QMO_SEQ_PARTIAL_ANY_TYPE for families with one member for all
  *   9  u8   hash aggregates: the keys' type; else QMO_SEQ_PARTIAL_ANY_TYPE
  *  10  u16  hash aggregates: the keys' width; else 0
- *  12  u32  0
+ *  12  u32  CRC-32C (Castagnoli; initial value and final xor all ones) of
+ *           every other byte: bytes 0-11, then byte 16 to the end
  *  16  u64  payload bytes that follow (exactly; nothing may trail)
  * Payload by family:
  *   scalar aggregates    the accumulator words then the count, 8 bytes each,
@@ -962,9 +964,10 @@ QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
  *                        low-order bytes; approxdc: 128 registers)
  *
  * An import checks before it changes anything: a record of no such family
- * 61; fewer bytes than a header, another magic or version, reserved bytes
- * not 0, a payload length that disagrees with the size or the family, or a
- * count above the limit 62; another family, element type, key type, key
+ * 61; fewer bytes than a header or a checksum that disagrees (checked
+ * before any other field is read, so every flipped bit, cut or appended
+ * byte is refused here), another magic or version, a payload length that
+ * disagrees with the size or the family, or a count above the limit 62; another family, element type, key type, key
  * width or limit than the record's 61; a hash aggregate's key present twice
  * 62 (the table is then discarded). A hash import takes memory for its
  * table (52 when refused, nothing changed); it replaces the output's table,
@@ -973,7 +976,7 @@ QMO_SEQ_API int qmo_seq_prepare_aggregate(qmo_seq_iterator_t *it);
 
 /** First four bytes of a partial result: "QSPR". */
 #define QMO_SEQ_PARTIAL_MAGIC 0x52505351u
-#define QMO_SEQ_PARTIAL_VERSION 1
+#define QMO_SEQ_PARTIAL_VERSION 2
 #define QMO_SEQ_PARTIAL_HEADER_BYTES 24
 /** Element or key type of a family that has one member for every type. */
 #define QMO_SEQ_PARTIAL_ANY_TYPE 255
@@ -1006,7 +1009,8 @@ typedef struct qmo_seq_partial_header {
 
 QMO_SEQ_API int qmo_seq_export_partial(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size);
 QMO_SEQ_API int qmo_seq_import_partial(qmo_seq_iterator_t *it, const void *bytes, uint64_t size);
-/** 0 and the header; 62 for too few bytes, another magic or version, or reserved bytes not 0. */
+/** 0 and the header of a whole partial result (size: all its bytes); 62 for too few bytes, a
+ * checksum that disagrees, another magic or version. */
 QMO_SEQ_API int qmo_seq_read_partial_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *header);
 
 

@@ -435,6 +435,8 @@ const char *family_name(int code) {
 // source itself: a count over one would not be mergeable.
 NodePtr empty_source(int type, size_t width) {
     if (type == QMO_SEQ_PARTIAL_ANY_TYPE) type = QMO_SEQ_TYPE_INT4, width = 4;
+    // A type no record can have is the bytes' fault, not the caller's.
+    if (type >= kTypeCodes || !sources[type]) throw StatusError{QMO_SEQ_TYPE_MISMATCH};
     static const std::array<py::ssize_t, 1> none{0};
     auto array = array_node(py::array(py::dtype("u1"), none), type, type == QMO_SEQ_TYPE_CHAR ? width : 0, py::none(), 0);
     return op_node("limit", {array}, {0, ~uint64_t{0}});
