@@ -360,7 +360,98 @@ int import_partial(Iter *it, const void *bytes, uint64_t size) {
     return m->kind->load(it, Reader{static_cast<const unsigned char *>(bytes) + kHeader, h.payload_bytes});
 }
 
+// ---- carried state ---------------------------------------------------------------------------
+//
+// Not a partial result but the same envelope: the position word and the
+// first state words of a window or cumulative aggregate.
+
+struct Carried {
+    qmo_seq_next_fn next;
+    uint16_t family;
+    uint8_t elem_type;
+    uint8_t words;  // state words carried after the position word
+};
+
+constexpr uint16_t carry_code(std::string_view family) {
+#define QMO_CARRY_CODE_(name, NAME, code) \
+    if (family == #name) return code;
+    QMO_SEQ_CARRY_FAMILIES(QMO_CARRY_CODE_)
+#undef QMO_CARRY_CODE_
+    return 0;
+}
+
+// Window: N, two running words, the ring; cumulative: the count, two accumulators.
+inline constexpr uint8_t kWindowWords = 3 + QMO_SEQ_WINDOW_RING_BYTES / 8;
+inline constexpr uint8_t kCumWords = 3;
+
+#define QMO_CARRY_WINDOW_(op, t, ctype, code) \
+    Carried{qmo_seq_window_agg_##op##_##t##_next, carry_code("window_agg_" #op), code, kWindowWords},
+#define QMO_CARRY_CUM_(op, t, ctype, code) \
+    Carried{qmo_seq_cum_agg_##op##_##t##_next, carry_code("cum_agg_" #op), code, kCumWords},
+#define QMO_CARRY_WINDOWS_(op) QMO_SEQ_NUMERIC_TYPES(QMO_CARRY_WINDOW_, op)
+#define QMO_CARRY_CUMS_(op) QMO_SEQ_NUMERIC_TYPES(QMO_CARRY_CUM_, op)
+
+const Carried kCarried[] = {QMO_SEQ_WINDOW_AGGREGATE_OPS(QMO_CARRY_WINDOWS_) QMO_SEQ_CUM_AGGREGATE_OPS(QMO_CARRY_CUMS_)};
+
+inline const Carried *carried_of(const Iter *it) {
+    for (const Carried &c : kCarried)
+        if (c.next == it->next) return &c;
+    return nullptr;
+}
+
+int export_state(const Iter *it, void *bytes, uint64_t *size) {
+    const Carried *c = carried_of(it);
+    if (!c) return QMO_SEQ_TYPE_MISMATCH;
+    const uint64_t payload = 8 + uint64_t{c->words} * 8, room = *size;
+    *size = kHeader + payload;
+    if (!bytes) return QMO_SEQ_OK;
+    if (room < *size) return QMO_SEQ_INVALID_ARGUMENT;
+    auto *out = static_cast<unsigned char *>(bytes);
+    Writer w{out};
+    w.put<uint32_t>(QMO_SEQ_PARTIAL_MAGIC);
+    w.put<uint16_t>(QMO_SEQ_PARTIAL_VERSION);
+    w.put(c->family);
+    w.put(c->elem_type);
+    w.put(kAny);
+    w.put<uint16_t>(0);
+    w.put<uint32_t>(0);
+    w.put(payload);
+    w.put(it->pos);
+    w.put(it->state, uint64_t{c->words} * 8);
+    const uint32_t crc = checksum(out, *size);
+    std::memcpy(out + kCrcAt, &crc, 4);
+    return QMO_SEQ_OK;
+}
+
+int import_state(Iter *it, const void *bytes, uint64_t size) {
+    const Carried *c = carried_of(it);
+    if (!c) return QMO_SEQ_TYPE_MISMATCH;
+    qmo_seq_partial_header_t h;
+    if (int rc = read_header(bytes, size, &h)) return rc;
+    if (h.family != c->family || h.elem_type != c->elem_type || h.key_type != kAny || h.key_width != 0)
+        return QMO_SEQ_TYPE_MISMATCH;
+    if (h.payload_bytes != size - kHeader || h.payload_bytes != 8 + uint64_t{c->words} * 8)
+        return QMO_SEQ_INVALID_ARGUMENT;
+    Reader r{static_cast<const unsigned char *>(bytes) + kHeader, h.payload_bytes};
+    uint64_t pos, words[kWindowWords];
+    r.take(pos);
+    r.take(words, uint64_t{c->words} * 8);
+    // A window's length is its constructor's: the ring only fits that one.
+    if (c->words == kWindowWords && words[0] != it->state[0]) return QMO_SEQ_TYPE_MISMATCH;
+    it->pos = pos;
+    std::memcpy(it->state, words, uint64_t{c->words} * 8);
+    return QMO_SEQ_OK;
+}
+
 }  // namespace qmo::partial
+
+QMO_EXPORT int qmo_seq_export_state(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size) {
+    return qmo::partial::export_state(it, bytes, size);
+}
+
+QMO_EXPORT int qmo_seq_import_state(qmo_seq_iterator_t *it, const void *bytes, uint64_t size) {
+    return qmo::partial::import_state(it, bytes, size);
+}
 
 QMO_EXPORT int qmo_seq_export_partial(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size) {
     return qmo::partial::export_partial(it, bytes, size);

@@ -1013,6 +1013,53 @@ QMO_SEQ_API int qmo_seq_import_partial(qmo_seq_iterator_t *it, const void *bytes
  * checksum that disagrees, another magic or version. */
 QMO_SEQ_API int qmo_seq_read_partial_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *header);
 
+/* ------------------------------------------------------------------------
+ * Carried state (this library's own extension, not one of the operators it
+ * implements; a record that never imports one behaves exactly as without).
+ * A window or cumulative aggregate's state after some elements leaves the
+ * process as bytes and starts another record of the same member, so that a
+ * sequence cut into consecutive partitions gives, partition after
+ * partition, bit for bit what one record gives over the whole.
+ *
+ *   qmo_seq_export_state(it, bytes, &size)
+ *       the record's state after the elements it has pulled; sizes as for
+ *       qmo_seq_export_partial.
+ *   qmo_seq_import_state(it, bytes, size)
+ *       replaces the record's state: its next pull continues as if it had
+ *       already consumed the elements the state has seen (its operand then
+ *       supplies the ones after them).
+ *
+ * Records: qmo_seq_window_agg_<op>_<t> and qmo_seq_cum_agg_<op>_<t>; any
+ * other gives 61. Bytes: the partial-result header above (version and
+ * checksum included) with a family of QMO_SEQ_CARRY_FAMILIES; payload: u64
+ * position word (window: elements seen; cumulative: 1 + elements seen, or
+ * 0 before the first pull), then state words as the record keeps them:
+ * window: N, the running value, the second running word, then the ring's
+ * QMO_SEQ_WINDOW_RING_BYTES; cumulative: the count and two accumulator
+ * words. Refused as partial results are (62 for damaged bytes, 61 for
+ * another member), and 61 for another window length; nothing is changed
+ * then.
+ * ---------------------------------------------------------------------- */
+
+/** Families with carried state: X(family, NAME, code). Codes are part of the format. */
+#define QMO_SEQ_CARRY_FAMILIES(X)                                                                  \
+    X(window_agg_sum, WINDOW_AGG_SUM, 101) X(window_agg_avg, WINDOW_AGG_AVG, 102)                  \
+    X(window_agg_min, WINDOW_AGG_MIN, 103) X(window_agg_max, WINDOW_AGG_MAX, 104)                  \
+    X(window_agg_var, WINDOW_AGG_VAR, 105) X(window_agg_var_samp, WINDOW_AGG_VAR_SAMP, 106)        \
+    X(window_agg_dev, WINDOW_AGG_DEV, 107) X(window_agg_dev_samp, WINDOW_AGG_DEV_SAMP, 108)        \
+    X(window_agg_ema, WINDOW_AGG_EMA, 109) X(window_agg_atr, WINDOW_AGG_ATR, 110)                  \
+    X(cum_agg_sum, CUM_AGG_SUM, 121) X(cum_agg_avg, CUM_AGG_AVG, 122) X(cum_agg_prd, CUM_AGG_PRD, 123) \
+    X(cum_agg_min, CUM_AGG_MIN, 124) X(cum_agg_max, CUM_AGG_MAX, 125) X(cum_agg_var, CUM_AGG_VAR, 126) \
+    X(cum_agg_var_samp, CUM_AGG_VAR_SAMP, 127) X(cum_agg_dev, CUM_AGG_DEV, 128)                    \
+    X(cum_agg_dev_samp, CUM_AGG_DEV_SAMP, 129)
+
+/** Family codes of carried state: QMO_SEQ_CARRY_WINDOW_AGG_SUM, ... */
+#define QMO_SEQ_CARRY_ENUM_(family, NAME, code) QMO_SEQ_CARRY_##NAME = code,
+enum qmo_seq_carry_family { QMO_SEQ_CARRY_FAMILIES(QMO_SEQ_CARRY_ENUM_) };
+
+QMO_SEQ_API int qmo_seq_export_state(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size);
+QMO_SEQ_API int qmo_seq_import_state(qmo_seq_iterator_t *it, const void *bytes, uint64_t size);
+
 
 /* ------------------------------------------------------------------------
  * Grid, window and cumulative aggregates: a sequence of results, one per

@@ -354,6 +354,101 @@ TEST(PartialsExport, EveryImportSurvivesRefusedMemory) {
     }
 }
 
+// ---- carried state ---------------------------------------------------------------------
+
+std::vector<unsigned char> exported_state(const Iter *it) {
+    uint64_t size = 0;
+    EXPECT_EQ(qmo_seq_export_state(it, nullptr, &size), 0);
+    std::vector<unsigned char> bytes(size);
+    EXPECT_EQ(qmo_seq_export_state(it, bytes.data(), &size), 0);
+    return bytes;
+}
+
+// The column cut into partitions (empty ones, one shorter than a window,
+// cuts inside tiles), each continued from the one before's state: the
+// elements and null bits of one record over the whole, bit for bit.
+template <class Tag>
+void expect_carried_like_one_record(const std::function<int(Iter *, Iter *)> &make, bool with_nulls) {
+    std::vector<V<Tag>> v(kRows);
+    std::vector<size_t> nulls;
+    for (size_t i = 0; i < kRows; ++i) {
+        v[i] = static_cast<V<Tag>>(static_cast<double>(i * 37 % 101) - (is_float_v<Tag> || is_signed_v<Tag> ? 50 : 0) +
+                                   (is_float_v<Tag> ? 0.1 * static_cast<double>(i) : 0));
+        if (with_nulls && (i == 0 || i % 7 == 3)) nulls.push_back(i);
+    }
+    Source<Tag> whole(v, nulls, {100, 128});
+    Iter one;
+    ASSERT_EQ(make(&one, &whole.it), 0);
+    const auto want = drain<std::string>(&one);
+    Drained<std::string> got;
+    std::vector<unsigned char> state;
+    const size_t cuts[] = {0, 0, 1, 130, 131, 400, 400, kRows};
+    for (size_t c = 0; c + 1 < std::size(cuts); ++c) {
+        std::vector<size_t> part_nulls;
+        for (size_t i : nulls)
+            if (i >= cuts[c] && i < cuts[c + 1]) part_nulls.push_back(i - cuts[c]);
+        Source<Tag> part({v.begin() + cuts[c], v.begin() + cuts[c + 1]}, part_nulls, {100, 128});
+        Iter rec;
+        ASSERT_EQ(make(&rec, &part.it), 0);
+        if (!state.empty()) ASSERT_EQ(qmo_seq_import_state(&rec, state.data(), state.size()), 0);
+        const auto d = drain<std::string>(&rec);
+        got.values.insert(got.values.end(), d.values.begin(), d.values.end());
+        got.nulls.insert(got.nulls.end(), d.nulls.begin(), d.nulls.end());
+        state = exported_state(&rec);
+    }
+    EXPECT_EQ(got.values, want.values);
+    EXPECT_EQ(got.nulls, want.nulls);
+}
+
+template <class Tag>
+struct Carried : ::testing::Test {};
+TYPED_TEST_SUITE(Carried, NumericTypes);
+
+TYPED_TEST(Carried, WindowsAndCumulativeAggregatesContinueFromTheStateBitForBit) {
+    using T = TypeParam;
+#define TEST_WINDOW_(op) fn::window_agg_##op<T>,
+#define TEST_CUM_(op) fn::cum_agg_##op<T>,
+    for (auto make : {QMO_SEQ_WINDOW_AGGREGATE_OPS(TEST_WINDOW_)})
+        for (uint64_t n : {size_t{1}, size_t{5}, QMO_SEQ_WINDOW_RING_BYTES / sizeof(V<T>)})
+            expect_carried_like_one_record<T>([&](Iter *r, Iter *in) { return make(r, in, n); }, false);
+    for (auto make : {QMO_SEQ_CUM_AGGREGATE_OPS(TEST_CUM_)}) expect_carried_like_one_record<T>(make, true);
+#undef TEST_WINDOW_
+#undef TEST_CUM_
+}
+
+TEST(CarriedRefused, OtherRecordsLengthsAndDamagedBytes) {
+    Source<t_double> a({1, 2, 3}), b({1, 2, 3}), c({1}), d({1});
+    Iter ema5, ema6, cum, sum;
+    ASSERT_EQ(qmo_seq_window_agg_ema_double(&ema5, &a.it, 5), 0);
+    ASSERT_EQ(qmo_seq_window_agg_ema_double(&ema6, &b.it, 6), 0);
+    ASSERT_EQ(qmo_seq_cum_agg_sum_double(&cum, &c.it), 0);
+    ASSERT_EQ(qmo_seq_agg_sum_double(&sum, &d.it), 0);
+    drain<double>(&ema5);
+    const auto state = exported_state(&ema5);
+    auto flipped = state;
+    flipped[40] ^= 4;
+    uint64_t size = 0;
+    EXPECT_EQ(qmo_seq_export_state(&sum, nullptr, &size), QMO_SEQ_TYPE_MISMATCH);
+    const struct {
+        const char *what;
+        Iter *into;
+        std::vector<unsigned char> bytes;
+        int status;
+    } rows[] = {
+        {"another window length", &ema6, state, QMO_SEQ_TYPE_MISMATCH},
+        {"another family", &cum, state, QMO_SEQ_TYPE_MISMATCH},
+        {"not a series record", &sum, state, QMO_SEQ_TYPE_MISMATCH},
+        {"a flipped bit", &ema6, flipped, QMO_SEQ_INVALID_ARGUMENT},
+        {"cut short", &ema6, {state.begin(), state.end() - 1}, QMO_SEQ_INVALID_ARGUMENT},
+        {"a partial result", &ema6, prepared_bytes(kSamples[0]), QMO_SEQ_TYPE_MISMATCH},
+    };
+    for (const auto &r : rows) {
+        const Iter before = *r.into;
+        EXPECT_EQ(qmo_seq_import_state(r.into, r.bytes.data(), r.bytes.size()), r.status) << r.what;
+        EXPECT_EQ(std::memcmp(r.into, &before, sizeof before), 0) << r.what;
+    }
+}
+
 // Known values of CRC-32C; both variants agree over every length and alignment.
 TEST(PartialsChecksum, KnownValuesAndBothVariantsAgree) {
     const char *digits = "123456789";
