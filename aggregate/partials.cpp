@@ -383,6 +383,7 @@ constexpr uint16_t carry_code(std::string_view family) {
 // Window: N, two running words, the ring; cumulative: the count, two accumulators.
 inline constexpr uint8_t kWindowWords = 3 + QMO_SEQ_WINDOW_RING_BYTES / 8;
 inline constexpr uint8_t kCumWords = 3;
+inline constexpr uint64_t kMostCarried = uint64_t{1} << 62;
 
 #define QMO_CARRY_WINDOW_(op, t, ctype, code) \
     Carried{qmo_seq_window_agg_##op##_##t##_next, carry_code("window_agg_" #op), code, kWindowWords},
@@ -438,6 +439,10 @@ int import_state(Iter *it, const void *bytes, uint64_t size) {
     r.take(words, uint64_t{c->words} * 8);
     // A window's length is its constructor's: the ring only fits that one.
     if (c->words == kWindowWords && words[0] != it->state[0]) return QMO_SEQ_TYPE_MISMATCH;
+    // Cumulative divisors grow from the position word: refuse one no sequence leaves (more
+    // values counted than elements seen, or so many elements that a divisor would wrap to 0).
+    if (c->words == kCumWords && (pos > kMostCarried || (pos == 0 ? words[0] != 0 : words[0] > pos - 1)))
+        return QMO_SEQ_INVALID_ARGUMENT;
     it->pos = pos;
     std::memcpy(it->state, words, uint64_t{c->words} * 8);
     return QMO_SEQ_OK;

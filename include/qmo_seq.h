@@ -1037,8 +1037,9 @@ QMO_SEQ_API int qmo_seq_read_partial_header(const void *bytes, uint64_t size, qm
  * window: N, the running value, the second running word, then the ring's
  * QMO_SEQ_WINDOW_RING_BYTES; cumulative: the count and two accumulator
  * words. Refused as partial results are (62 for damaged bytes, 61 for
- * another member), and 61 for another window length; nothing is changed
- * then.
+ * another member), 61 for another window length, and 62 for a cumulative
+ * state no sequence leaves (more values counted than elements seen, or a
+ * position word above 2^62); nothing is changed then.
  * ---------------------------------------------------------------------- */
 
 /** Families with carried state: X(family, NAME, code). Codes are part of the format. */

@@ -429,6 +429,13 @@ TEST(CarriedRefused, OtherRecordsLengthsAndDamagedBytes) {
     flipped[40] ^= 4;
     uint64_t size = 0;
     EXPECT_EQ(qmo_seq_export_state(&sum, nullptr, &size), QMO_SEQ_TYPE_MISMATCH);
+    // The cumulative record's own state with its position and count rewritten.
+    auto cum_state = [&](uint64_t pos, uint64_t count) {
+        auto b = exported_state(&cum);
+        std::memcpy(b.data() + QMO_SEQ_PARTIAL_HEADER_BYTES, &pos, 8);
+        std::memcpy(b.data() + QMO_SEQ_PARTIAL_HEADER_BYTES + 8, &count, 8);
+        return sealed(b);
+    };
     const struct {
         const char *what;
         Iter *into;
@@ -441,6 +448,8 @@ TEST(CarriedRefused, OtherRecordsLengthsAndDamagedBytes) {
         {"a flipped bit", &ema6, flipped, QMO_SEQ_INVALID_ARGUMENT},
         {"cut short", &ema6, {state.begin(), state.end() - 1}, QMO_SEQ_INVALID_ARGUMENT},
         {"a partial result", &ema6, prepared_bytes(kSamples[0]), QMO_SEQ_TYPE_MISMATCH},
+        {"more counted than seen", &cum, cum_state(1, 1), QMO_SEQ_INVALID_ARGUMENT},
+        {"a position that would wrap", &cum, cum_state(~uint64_t{0}, 0), QMO_SEQ_INVALID_ARGUMENT},
     };
     for (const auto &r : rows) {
         const Iter before = *r.into;
