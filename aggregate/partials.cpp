@@ -305,7 +305,7 @@ int read_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *h) {
     const auto *at = static_cast<const unsigned char *>(bytes);
     if (!bytes || size < kHeader) return QMO_SEQ_INVALID_ARGUMENT;
     // Damaged bytes are refused before any field of them is believed.
-    uint32_t magic, crc;
+    uint32_t magic = 0, crc = 0;
     std::memcpy(&crc, at + kCrcAt, 4);
     if (crc != checksum(at, size)) return QMO_SEQ_INVALID_ARGUMENT;
     Reader r{at, size};
@@ -434,7 +434,7 @@ int import_state(Iter *it, const void *bytes, uint64_t size) {
     if (h.payload_bytes != size - kHeader || h.payload_bytes != 8 + uint64_t{c->words} * 8)
         return QMO_SEQ_INVALID_ARGUMENT;
     Reader r{static_cast<const unsigned char *>(bytes) + kHeader, h.payload_bytes};
-    uint64_t pos, words[kWindowWords];
+    uint64_t pos = 0, words[kWindowWords] = {};
     r.take(pos);
     r.take(words, uint64_t{c->words} * 8);
     // A window's length is its constructor's: the ring only fits that one.

@@ -390,7 +390,9 @@ void expect_carried_like_one_record(const std::function<int(Iter *, Iter *)> &ma
         Source<Tag> part({v.begin() + cuts[c], v.begin() + cuts[c + 1]}, part_nulls, {100, 128});
         Iter rec;
         ASSERT_EQ(make(&rec, &part.it), 0);
-        if (!state.empty()) ASSERT_EQ(qmo_seq_import_state(&rec, state.data(), state.size()), 0);
+        if (!state.empty()) {
+            ASSERT_EQ(qmo_seq_import_state(&rec, state.data(), state.size()), 0);
+        }
         const auto d = drain<std::string>(&rec);
         got.values.insert(got.values.end(), d.values.begin(), d.values.end());
         got.nulls.insert(got.nulls.end(), d.nulls.begin(), d.nulls.end());
@@ -431,10 +433,10 @@ TEST(CarriedRefused, OtherRecordsLengthsAndDamagedBytes) {
     EXPECT_EQ(qmo_seq_export_state(&sum, nullptr, &size), QMO_SEQ_TYPE_MISMATCH);
     // The cumulative record's own state with its position and count rewritten.
     auto cum_state = [&](uint64_t pos, uint64_t count) {
-        auto b = exported_state(&cum);
-        std::memcpy(b.data() + QMO_SEQ_PARTIAL_HEADER_BYTES, &pos, 8);
-        std::memcpy(b.data() + QMO_SEQ_PARTIAL_HEADER_BYTES + 8, &count, 8);
-        return sealed(b);
+        auto bytes = exported_state(&cum);
+        std::memcpy(bytes.data() + QMO_SEQ_PARTIAL_HEADER_BYTES, &pos, 8);
+        std::memcpy(bytes.data() + QMO_SEQ_PARTIAL_HEADER_BYTES + 8, &count, 8);
+        return sealed(bytes);
     };
     const struct {
         const char *what;
