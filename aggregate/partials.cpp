@@ -6,6 +6,7 @@
 // header's lists.
 #include "aggregate/fold.hpp"
 #include "aggregate/hash_table.hpp"
+#include "frame/crc32c.hpp"
 
 #include <bit>
 #include <string_view>
@@ -16,6 +17,13 @@ static_assert(std::endian::native == std::endian::little, "the format is written
 
 inline constexpr size_t kHeader = QMO_SEQ_PARTIAL_HEADER_BYTES;
 inline constexpr uint8_t kAny = QMO_SEQ_PARTIAL_ANY_TYPE;
+inline constexpr size_t kCrcAt = 12;
+
+// The checksum covers every byte but its own four.
+uint32_t checksum(const unsigned char *bytes, uint64_t size) {
+    const uint32_t head = crc32c(0, bytes, kCrcAt);
+    return crc32c(head, bytes + kCrcAt + 4, size - kCrcAt - 4);
+}
 
 // Bounds-checked little-endian reads and writes over a byte range.
 struct Reader {
@@ -332,19 +340,24 @@ inline qmo_seq_partial_header_t header_of(const Iter *it, const Member &m) {
 }
 
 int read_header(const void *bytes, uint64_t size, qmo_seq_partial_header_t *h) {
-    Reader r{static_cast<const unsigned char *>(bytes), size};
-    uint32_t magic, reserved;
+    const auto *at = static_cast<const unsigned char *>(bytes);
     if (!bytes || size < kHeader) return QMO_SEQ_INVALID_ARGUMENT;
+    // Damaged bytes are refused before any field of them is believed.
+    uint32_t magic = 0, crc = 0;
+    std::memcpy(&crc, at + kCrcAt, 4);
+    if (crc != checksum(at, size)) return QMO_SEQ_INVALID_ARGUMENT;
+    Reader r{at, size};
+    qmo_seq_partial_header_t got;
     r.take(magic);
-    r.take(h->version);
-    r.take(h->family);
-    r.take(h->elem_type);
-    r.take(h->key_type);
-    r.take(h->key_width);
-    r.take(reserved);
-    r.take(h->payload_bytes);
-    if (magic != QMO_SEQ_PARTIAL_MAGIC || h->version != QMO_SEQ_PARTIAL_VERSION || reserved != 0)
-        return QMO_SEQ_INVALID_ARGUMENT;
+    r.take(got.version);
+    r.take(got.family);
+    r.take(got.elem_type);
+    r.take(got.key_type);
+    r.take(got.key_width);
+    r.take(crc);
+    r.take(got.payload_bytes);
+    if (magic != QMO_SEQ_PARTIAL_MAGIC || got.version != QMO_SEQ_PARTIAL_VERSION) return QMO_SEQ_INVALID_ARGUMENT;
+    *h = got;
     return QMO_SEQ_OK;
 }
 
@@ -366,6 +379,9 @@ int export_partial(const Iter *it, void *bytes, uint64_t *size) {
     w.put<uint32_t>(0);
     w.put(h.payload_bytes);
     m->kind->save(it, w);
+    auto *out = static_cast<unsigned char *>(bytes);
+    const uint32_t crc = checksum(out, *size);
+    std::memcpy(out + kCrcAt, &crc, 4);
     return QMO_SEQ_OK;
 }
 
@@ -382,7 +398,110 @@ int import_partial(Iter *it, const void *bytes, uint64_t size) {
     return m->kind->load(it, Reader{static_cast<const unsigned char *>(bytes) + kHeader, h.payload_bytes});
 }
 
+// ---- carried state ---------------------------------------------------------------------------
+//
+// Not a partial result but the same envelope: the position word and the
+// first state words of a window or cumulative aggregate.
+
+struct Carried {
+    qmo_seq_next_fn next;
+    uint16_t family;
+    uint8_t elem_type;
+    uint8_t words;  // state words carried after the position word
+};
+
+constexpr uint16_t carry_code(std::string_view family) {
+#define QMO_CARRY_CODE_(name, NAME, code) \
+    if (family == #name) return code;
+    QMO_SEQ_CARRY_FAMILIES(QMO_CARRY_CODE_)
+#undef QMO_CARRY_CODE_
+    return 0;
+}
+
+// Window: N, two running words, the ring; cumulative: the count, two accumulators.
+inline constexpr uint8_t kWindowWords = 3 + QMO_SEQ_WINDOW_RING_BYTES / 8;
+inline constexpr uint8_t kCumWords = 3;
+inline constexpr uint64_t kMostCarried = uint64_t{1} << 62;
+
+// Every row of the window and cumulative groups carries its state; a row
+// without a code of QMO_SEQ_CARRY_FAMILIES fails to compile.
+template <uint16_t Code>
+constexpr uint16_t carried_code() {
+    static_assert(Code != 0, "a window or cumulative family without a carried-state code");
+    return Code;
+}
+#define QMO_CARRY_MEMBER_(a, t, ctype, code) QMO_CARRY_MEMBER_I_(QMO_SEQ_EXPAND a, t, code)
+#define QMO_CARRY_MEMBER_I_(...) QMO_CARRY_MEMBER_II_(__VA_ARGS__)
+#define QMO_CARRY_MEMBER_II_(family, words, t, code) \
+    Carried{qmo_seq_##family##_##t##_next, carried_code<carry_code(#family)>(), code, words},
+#define QMO_CARRY_WINDOW_(family, shape, types, partial, statuses, doc) types(QMO_CARRY_MEMBER_, (family, kWindowWords))
+#define QMO_CARRY_CUM_(family, shape, types, partial, statuses, doc) types(QMO_CARRY_MEMBER_, (family, kCumWords))
+
+const Carried kCarried[] = {QMO_SEQ_WINDOW_FAMILIES(QMO_CARRY_WINDOW_) QMO_SEQ_CUMULATIVE_FAMILIES(QMO_CARRY_CUM_)};
+
+inline const Carried *carried_of(const Iter *it) {
+    for (const Carried &c : kCarried)
+        if (c.next == it->next) return &c;
+    return nullptr;
+}
+
+int export_state(const Iter *it, void *bytes, uint64_t *size) {
+    const Carried *c = carried_of(it);
+    if (!c) return QMO_SEQ_TYPE_MISMATCH;
+    const uint64_t payload = 8 + uint64_t{c->words} * 8, room = *size;
+    *size = kHeader + payload;
+    if (!bytes) return QMO_SEQ_OK;
+    if (room < *size) return QMO_SEQ_INVALID_ARGUMENT;
+    auto *out = static_cast<unsigned char *>(bytes);
+    Writer w{out};
+    w.put<uint32_t>(QMO_SEQ_PARTIAL_MAGIC);
+    w.put<uint16_t>(QMO_SEQ_PARTIAL_VERSION);
+    w.put(c->family);
+    w.put(c->elem_type);
+    w.put(kAny);
+    w.put<uint16_t>(0);
+    w.put<uint32_t>(0);
+    w.put(payload);
+    w.put(it->pos);
+    w.put(it->state, uint64_t{c->words} * 8);
+    const uint32_t crc = checksum(out, *size);
+    std::memcpy(out + kCrcAt, &crc, 4);
+    return QMO_SEQ_OK;
+}
+
+int import_state(Iter *it, const void *bytes, uint64_t size) {
+    const Carried *c = carried_of(it);
+    if (!c) return QMO_SEQ_TYPE_MISMATCH;
+    qmo_seq_partial_header_t h;
+    if (int rc = read_header(bytes, size, &h)) return rc;
+    if (h.family != c->family || h.elem_type != c->elem_type || h.key_type != kAny || h.key_width != 0)
+        return QMO_SEQ_TYPE_MISMATCH;
+    if (h.payload_bytes != size - kHeader || h.payload_bytes != 8 + uint64_t{c->words} * 8)
+        return QMO_SEQ_INVALID_ARGUMENT;
+    Reader r{static_cast<const unsigned char *>(bytes) + kHeader, h.payload_bytes};
+    uint64_t pos = 0, words[kWindowWords] = {};
+    r.take(pos);
+    r.take(words, uint64_t{c->words} * 8);
+    // A window's length is its constructor's: the ring only fits that one.
+    if (c->words == kWindowWords && words[0] != it->state[0]) return QMO_SEQ_TYPE_MISMATCH;
+    // Cumulative divisors grow from the position word: refuse one no sequence leaves (more
+    // values counted than elements seen, or so many elements that a divisor would wrap to 0).
+    if (c->words == kCumWords && (pos > kMostCarried || (pos == 0 ? words[0] != 0 : words[0] > pos - 1)))
+        return QMO_SEQ_INVALID_ARGUMENT;
+    it->pos = pos;
+    std::memcpy(it->state, words, uint64_t{c->words} * 8);
+    return QMO_SEQ_OK;
+}
+
 }  // namespace qmo::partial
+
+QMO_EXPORT int qmo_seq_export_state(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size) {
+    return qmo::partial::export_state(it, bytes, size);
+}
+
+QMO_EXPORT int qmo_seq_import_state(qmo_seq_iterator_t *it, const void *bytes, uint64_t size) {
+    return qmo::partial::import_state(it, bytes, size);
+}
 
 QMO_EXPORT int qmo_seq_export_partial(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size) {
     return qmo::partial::export_partial(it, bytes, size);

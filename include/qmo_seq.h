@@ -1286,7 +1286,8 @@ QMO_SEQ_PAIR_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
  * built by the family's constructor as usual; an import leaves its
  * operands alone (a merging side builds it over an empty source).
  *
- * Format, version 1. Integers little-endian; 24 header bytes:
+ * Format, version 2 (version 1 had no checksum and is refused). Integers
+ * little-endian; 24 header bytes:
  *   0  u32  QMO_SEQ_PARTIAL_MAGIC ("QSPR")
  *   4  u16  QMO_SEQ_PARTIAL_VERSION
  *   6  u16  family (QMO_SEQ_PARTIAL_FAMILIES below)
@@ -1295,7 +1296,8 @@ QMO_SEQ_PAIR_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
  *           QMO_SEQ_PARTIAL_ANY_TYPE for families with one member for all
  *   9  u8   hash aggregates: the keys' type; else QMO_SEQ_PARTIAL_ANY_TYPE
  *  10  u16  hash aggregates: the keys' width; else 0
- *  12  u32  0
+ *  12  u32  CRC-32C (Castagnoli; initial value and final xor all ones) of
+ *           every other byte: bytes 0-11, then byte 16 to the end
  *  16  u64  payload bytes that follow (exactly; nothing may trail)
  * Payload by family:
  *   scalar aggregates    the accumulator words then the count, 8 bytes each,
@@ -1312,9 +1314,10 @@ QMO_SEQ_PAIR_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
  *                        low-order bytes; approxdc: 128 registers)
  *
  * An import checks before it changes anything: a record of no such family
- * 61; fewer bytes than a header, another magic or version, reserved bytes
- * not 0, a payload length that disagrees with the size or the family, or a
- * count above the limit 62; another family, element type, key type, key
+ * 61; fewer bytes than a header or a checksum that disagrees (checked
+ * before any other field is read, so every flipped bit, cut or appended
+ * byte is refused here), another magic or version, a payload length that
+ * disagrees with the size or the family, or a count above the limit 62; another family, element type, key type, key
  * width or limit than the record's 61; a hash aggregate's key present twice
  * 62 (the table is then discarded). A hash import takes memory for its
  * table (52 when refused, nothing changed); it replaces the output's table,
@@ -1323,7 +1326,7 @@ QMO_SEQ_PAIR_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 /** First four bytes of a partial result: "QSPR". */
 #define QMO_SEQ_PARTIAL_MAGIC 0x52505351u
-#define QMO_SEQ_PARTIAL_VERSION 1
+#define QMO_SEQ_PARTIAL_VERSION 2
 #define QMO_SEQ_PARTIAL_HEADER_BYTES 24
 /** Element or key type of a family that has one member for every type. */
 #define QMO_SEQ_PARTIAL_ANY_TYPE 255
@@ -1357,13 +1360,67 @@ typedef struct qmo_seq_partial_header {
 #define QMO_SEQ_SINGLE_partials                                                                        \
     QMO_SEQ_API int qmo_seq_export_partial(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size);  \
     QMO_SEQ_API int qmo_seq_import_partial(qmo_seq_iterator_t *it, const void *bytes, uint64_t size);   \
-    /** 0 and the header; 62 for too few bytes, another magic or version, or reserved bytes not 0. */   \
+    /** 0 and the header of a whole partial result (size: all its bytes); 62 for too few bytes, a   \
+     *  checksum that disagrees, another magic or version. */                                         \
     QMO_SEQ_API int qmo_seq_read_partial_header(const void *bytes, uint64_t size,                       \
                                                 qmo_seq_partial_header_t *header);
 
 #define QMO_SEQ_PARTIAL_RESULT_FAMILIES(X) \
     X(partials, SINGLE, QMO_SEQ_UNTYPED, 0, "52 57 61 62", "a mergeable record's partial result as bytes, and back")
 QMO_SEQ_PARTIAL_RESULT_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
+
+/* ------------------------------------------------------------------------
+ * Carried state (this library's own extension, not one of the operators it
+ * implements; a record that never imports one behaves exactly as without).
+ * A window or cumulative aggregate's state after some elements leaves the
+ * process as bytes and starts another record of the same member, so that a
+ * sequence cut into consecutive partitions gives, partition after
+ * partition, bit for bit what one record gives over the whole.
+ *
+ *   qmo_seq_export_state(it, bytes, &size)
+ *       the record's state after the elements it has pulled; sizes as for
+ *       qmo_seq_export_partial.
+ *   qmo_seq_import_state(it, bytes, size)
+ *       replaces the record's state: its next pull continues as if it had
+ *       already consumed the elements the state has seen (its operand then
+ *       supplies the ones after them).
+ *
+ * Records: qmo_seq_window_agg_<op>_<t> and qmo_seq_cum_agg_<op>_<t>; any
+ * other gives 61. Bytes: the partial-result header above (version and
+ * checksum included) with a family of QMO_SEQ_CARRY_FAMILIES; payload: u64
+ * position word (window: elements seen; cumulative: 1 + elements seen, or
+ * 0 before the first pull), then state words as the record keeps them:
+ * window: N, the running value, the second running word, then the ring's
+ * QMO_SEQ_WINDOW_RING_BYTES; cumulative: the count and two accumulator
+ * words. Refused as partial results are (62 for damaged bytes, 61 for
+ * another member), 61 for another window length, and 62 for a cumulative
+ * state no sequence leaves (more values counted than elements seen, or a
+ * position word above 2^62); nothing is changed then.
+ * ---------------------------------------------------------------------- */
+
+/** Families with carried state: X(family, NAME, code). Codes are part of the format. */
+#define QMO_SEQ_CARRY_FAMILIES(X)                                                                  \
+    X(window_agg_sum, WINDOW_AGG_SUM, 101) X(window_agg_avg, WINDOW_AGG_AVG, 102)                  \
+    X(window_agg_min, WINDOW_AGG_MIN, 103) X(window_agg_max, WINDOW_AGG_MAX, 104)                  \
+    X(window_agg_var, WINDOW_AGG_VAR, 105) X(window_agg_var_samp, WINDOW_AGG_VAR_SAMP, 106)        \
+    X(window_agg_dev, WINDOW_AGG_DEV, 107) X(window_agg_dev_samp, WINDOW_AGG_DEV_SAMP, 108)        \
+    X(window_agg_ema, WINDOW_AGG_EMA, 109) X(window_agg_atr, WINDOW_AGG_ATR, 110)                  \
+    X(cum_agg_sum, CUM_AGG_SUM, 121) X(cum_agg_avg, CUM_AGG_AVG, 122) X(cum_agg_prd, CUM_AGG_PRD, 123) \
+    X(cum_agg_min, CUM_AGG_MIN, 124) X(cum_agg_max, CUM_AGG_MAX, 125) X(cum_agg_var, CUM_AGG_VAR, 126) \
+    X(cum_agg_var_samp, CUM_AGG_VAR_SAMP, 127) X(cum_agg_dev, CUM_AGG_DEV, 128)                    \
+    X(cum_agg_dev_samp, CUM_AGG_DEV_SAMP, 129)
+
+/** Family codes of carried state: QMO_SEQ_CARRY_WINDOW_AGG_SUM, ... */
+#define QMO_SEQ_CARRY_ENUM_(family, NAME, code) QMO_SEQ_CARRY_##NAME = code,
+enum qmo_seq_carry_family { QMO_SEQ_CARRY_FAMILIES(QMO_SEQ_CARRY_ENUM_) };
+
+#define QMO_SEQ_SINGLE_carried_state                                                                 \
+    QMO_SEQ_API int qmo_seq_export_state(const qmo_seq_iterator_t *it, void *bytes, uint64_t *size);  \
+    QMO_SEQ_API int qmo_seq_import_state(qmo_seq_iterator_t *it, const void *bytes, uint64_t size);
+
+#define QMO_SEQ_CARRIED_STATE_FAMILIES(X) \
+    X(carried_state, SINGLE, QMO_SEQ_UNTYPED, 0, "61 62", "a window or cumulative aggregate's state as bytes, and a record started from it (our extension)")
+QMO_SEQ_CARRIED_STATE_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 
 
 /* ------------------------------------------------------------------------
@@ -1999,7 +2056,7 @@ QMO_SEQ_ASOF_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
     QMO_SEQ_CONVERSION_FAMILIES(X) QMO_SEQ_PARSE_FAMILIES(X) QMO_SEQ_TEXT_FAMILIES(X) QMO_SEQ_MATCH_FAMILIES(X)            \
     QMO_SEQ_ARITHMETIC_FAMILIES(X) QMO_SEQ_COMPARISON_FAMILIES(X) QMO_SEQ_CONDITIONAL_FAMILIES(X) \
     QMO_SEQ_FILTER_FAMILIES(X) QMO_SEQ_RESHAPE_FAMILIES(X) QMO_SEQ_ANALYTICS_FAMILIES(X)          \
-    QMO_SEQ_SCALAR_FAMILIES(X) QMO_SEQ_PAIR_FAMILIES(X) QMO_SEQ_PARTIAL_RESULT_FAMILIES(X) QMO_SEQ_GRID_FAMILIES(X)        \
+    QMO_SEQ_SCALAR_FAMILIES(X) QMO_SEQ_PAIR_FAMILIES(X) QMO_SEQ_PARTIAL_RESULT_FAMILIES(X) QMO_SEQ_CARRIED_STATE_FAMILIES(X) QMO_SEQ_GRID_FAMILIES(X)        \
     QMO_SEQ_WINDOW_FAMILIES(X) QMO_SEQ_CUMULATIVE_FAMILIES(X) QMO_SEQ_RUN_FAMILIES(X)             \
     QMO_SEQ_HASH_FAMILIES(X) QMO_SEQ_TOP_FAMILIES(X) QMO_SEQ_SORT_FAMILIES(X)                     \
     QMO_SEQ_ALIGN_FAMILIES(X) QMO_SEQ_UNION_FAMILIES(X) QMO_SEQ_JOIN_FAMILIES(X) QMO_SEQ_ASOF_FAMILIES(X)
@@ -2008,7 +2065,7 @@ QMO_SEQ_ASOF_FAMILIES(QMO_SEQ_DECLARE_FAMILY_)
 #define QMO_SEQ_FAMILY_GROUPS(X)                                                              \
     X(CORE) X(FRAME) X(READER) X(CONST) X(SOURCE) X(PLUMBING) X(META) X(CONVERSION) X(PARSE) X(TEXT) X(MATCH)  \
     X(ARITHMETIC) X(COMPARISON) X(CONDITIONAL) X(FILTER) X(RESHAPE) X(ANALYTICS) X(SCALAR) X(PAIR) \
-    X(PARTIAL_RESULT) X(GRID) X(WINDOW) X(CUMULATIVE) X(RUN) X(HASH) X(TOP) X(SORT) X(ALIGN) X(UNION) X(JOIN) X(ASOF)
+    X(PARTIAL_RESULT) X(CARRIED_STATE) X(GRID) X(WINDOW) X(CUMULATIVE) X(RUN) X(HASH) X(TOP) X(SORT) X(ALIGN) X(UNION) X(JOIN) X(ASOF)
 
 
 #ifdef __cplusplus

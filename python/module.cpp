@@ -701,6 +701,8 @@ py::list families() {
 // source itself: a count over one would not be mergeable.
 NodePtr empty_source(int type, size_t width) {
     if (type == QMO_SEQ_PARTIAL_ANY_TYPE) type = QMO_SEQ_TYPE_INT4, width = 4;
+    // A type no record can have is the bytes' fault, not the caller's.
+    if (type >= kTypeCodes || !sources[type]) throw StatusError{QMO_SEQ_TYPE_MISMATCH};
     static const std::array<py::ssize_t, 1> none{0};
     auto array = array_node(py::array(py::dtype("u1"), none), type, type == QMO_SEQ_TYPE_CHAR ? width : 0, py::none(), 0);
     return op_node("limit", {array}, {0, ~uint64_t{0}});
@@ -768,6 +770,35 @@ py::object result_of(const std::vector<std::string> &parts) {
     return pull(plan, merged(plan, parts, nodes));
 }
 
+// Pulls an order-dependent expression (a window or cumulative aggregate at
+// the root) from a carried state, none: from the start. Gives its elements
+// (when keep; else they are only pulled) and its state after them.
+py::tuple carried(const NodePtr &node, py::object state, bool keep) {
+    Plan plan;
+    Iter *root = node->build(plan);
+    if (!state.is_none()) {
+        const std::string bytes = py::bytes(state);
+        check(qmo_seq_import_state(root, bytes.data(), bytes.size()));
+    }
+    py::object out = py::none();
+    if (keep) {
+        out = pull(plan, root);
+    } else {
+        int rc;
+        {
+            py::gil_scoped_release unlocked;
+            while ((rc = root->next(root)) == QMO_SEQ_OK) {
+            }
+        }
+        if (rc != QMO_SEQ_END) throw StatusError{rc};
+    }
+    uint64_t size = 0;
+    check(qmo_seq_export_state(root, nullptr, &size));
+    std::string after(size, '\0');
+    check(qmo_seq_export_state(root, after.data(), &size));
+    return py::make_tuple(out, py::bytes(after));
+}
+
 py::array_t<uint64_t> argsort(py::array values, int type, bool descending) {
     if (type < 0 || type >= kTypeCodes || !sorts[type]) throw StatusError{QMO_SEQ_TYPE_MISMATCH};
     const auto n = static_cast<uint64_t>(values.size());
@@ -813,6 +844,7 @@ PYBIND11_MODULE(_core, m) {
     m.def("partial", &partial);
     m.def("merge", &merge_partials);
     m.def("result", &result_of);
+    m.def("carried", &carried, py::arg("node"), py::arg("state"), py::arg("keep") = true);
     m.def("argsort", &argsort);
     m.def("families", &families);
     py::dict statuses, types;

@@ -3,6 +3,8 @@
 // short, corrupted or of another family are refused with a status.
 #include "support.hpp"
 
+#include "frame/crc32c.hpp"
+
 #include <functional>
 #include <memory>
 
@@ -190,7 +192,45 @@ const Sample kSamples[] = {
          qmo_seq_hash_agg_approxdc(&p.agg, &p.grp, column<t_int4>(p, i, k), long_keys(p, i, k), 0);
      }},
     {"sum of int8", [](Part &p, size_t i, size_t k) { qmo_seq_agg_sum_int8(&p.agg, column<t_int8>(p, i, k)); }},
+// Every other family once: the mergeable folds of the registry, then the rest.
+#define TEST_ROW_(family, shape, ...) TEST_ROW_##shape(family)
+#define TEST_ROW_AGGREGATE(family) TEST_ONE_(family)
+#define TEST_ROW_PAIR_AGGREGATE(family) TEST_PAIR_(family)
+#define TEST_ROW_UNARY(family)
+#define TEST_ROW_SINGLE(family)
+#define TEST_ROW_MERGED_SINGLE(family)
+#define TEST_ONE_(op) {#op, [](Part &p, size_t i, size_t k) { fn::op<t_int4>(&p.agg, column<t_int4>(p, i, k)); }},
+#define TEST_PAIR_(op)                                                                         \
+    {#op, [](Part &p, size_t i, size_t k) {                                                    \
+         fn::op<t_float>(&p.agg, column<t_float>(p, i, k), column<t_float>(p, i, k, 3));       \
+     }},
+#define TEST_HASH_(op)                                                                                       \
+    {#op, [](Part &p, size_t i, size_t k) {                                                                  \
+         fn::op<t_uint2>(&p.agg, &p.grp, column<t_uint2>(p, i, k), column<t_int8>(p, i, k, 1), 0);           \
+     }},
+    QMO_SEQ_SCALAR_FAMILIES(TEST_ROW_) QMO_SEQ_PAIR_FAMILIES(TEST_ROW_)
+    TEST_HASH_(hash_agg_max) TEST_HASH_(hash_agg_min) TEST_HASH_(hash_agg_avg)
+#undef TEST_ONE_
+#undef TEST_PAIR_
+#undef TEST_HASH_
+#undef TEST_ROW_
+#undef TEST_ROW_AGGREGATE
+#undef TEST_ROW_PAIR_AGGREGATE
+#undef TEST_ROW_UNARY
+#undef TEST_ROW_SINGLE
+#undef TEST_ROW_MERGED_SINGLE
+    {"count_not_null", [](Part &p, size_t i, size_t k) { qmo_seq_agg_count_not_null(&p.agg, column<t_int2>(p, i, k)); }},
+    {"top_max", [](Part &p, size_t i, size_t k) { qmo_seq_top_max_double(&p.agg, column<t_double>(p, i, k), 7); }},
+    {"top_min", [](Part &p, size_t i, size_t k) { qmo_seq_top_min_uint1(&p.agg, column<t_uint1>(p, i, k), 3); }},
+    {"hash_count", [](Part &p, size_t i, size_t k) { qmo_seq_hash_agg_count(&p.agg, &p.grp, long_keys(p, i, k), 0); }},
 };
+
+// The bytes with their checksum made to match them again.
+std::vector<unsigned char> sealed(std::vector<unsigned char> b) {
+    const uint32_t crc = qmo::crc32c(qmo::crc32c(0, b.data(), 12), b.data() + 16, b.size() - 16);
+    std::memcpy(b.data() + 12, &crc, 4);
+    return b;
+}
 
 std::vector<unsigned char> prepared_bytes(const Sample &s) {
     Part p;
@@ -211,43 +251,20 @@ void expect_import_refused(const Sample &s, const std::vector<unsigned char> &by
     EXPECT_EQ(std::memcmp(&p.agg, &before, sizeof before), 0) << s.name << " " << what << ": record changed";
 }
 
-TEST(PartialsRefused, EveryCutAndEveryHeaderByteCorruptedGivesAStatus) {
+TEST(PartialsRefused, EveryCutAppendedByteAndBitFlipGivesAStatus) {
     for (const Sample &s : kSamples) {
         auto bytes = prepared_bytes(s);
         for (uint64_t n = 0; n < bytes.size(); ++n)
             expect_import_refused(s, bytes, n, {QMO_SEQ_INVALID_ARGUMENT}, "cut at " + std::to_string(n));
-        bytes.push_back(0);
-        expect_import_refused(s, bytes, bytes.size(), {QMO_SEQ_INVALID_ARGUMENT}, "trailing byte");
-        bytes.pop_back();
-        for (size_t at = 0; at < QMO_SEQ_PARTIAL_HEADER_BYTES; ++at)
-            for (unsigned char flip : {0x01, 0x80}) {
-                auto bad = bytes;
-                bad[at] ^= flip;
-                expect_import_refused(s, bad, bad.size(), {QMO_SEQ_INVALID_ARGUMENT, QMO_SEQ_TYPE_MISMATCH},
-                                      "header byte " + std::to_string(at));
-            }
-    }
-}
-
-// Payload bytes mostly carry values: a flip is taken or refused, never a fault, and
-// whatever was taken can be pulled and merged.
-TEST(PartialsRefused, CorruptedPayloadsAreTakenOrRefusedWithoutFault) {
-    for (const Sample &s : kSamples) {
-        const auto bytes = prepared_bytes(s);
-        for (size_t at = QMO_SEQ_PARTIAL_HEADER_BYTES; at < bytes.size(); at += 1 + at / 64) {
+        for (unsigned char extra : {0x00, 0x5C}) {
+            bytes.push_back(extra);
+            expect_import_refused(s, bytes, bytes.size(), {QMO_SEQ_INVALID_ARGUMENT}, "appended byte");
+            bytes.pop_back();
+        }
+        for (size_t bit = 0; bit < bytes.size() * 8; ++bit) {
             auto bad = bytes;
-            bad[at] ^= 0xA5;
-            Part p, other;
-            s.build(p, 1, 1);
-            s.build(other, 0, 1);
-            other.agg.prepare(&other.agg);
-            const int rc = qmo_seq_import_partial(&p.agg, bad.data(), bad.size());
-            // 61: a limit of another first-positions record
-            ASSERT_TRUE(rc == 0 || rc == QMO_SEQ_INVALID_ARGUMENT || rc == QMO_SEQ_TYPE_MISMATCH) << s.name << " " << at;
-            if (rc == 0) {
-                EXPECT_EQ(p.agg.merge(&p.agg, &other.agg), 0);
-                drained(&p.agg);
-            }
+            bad[bit / 8] ^= static_cast<unsigned char>(1u << bit % 8);
+            expect_import_refused(s, bad, bad.size(), {QMO_SEQ_INVALID_ARGUMENT}, "bit " + std::to_string(bit));
         }
     }
 }
@@ -262,23 +279,28 @@ TEST(PartialsRefused, NamedMalformations) {
         std::vector<unsigned char> bytes;
         int status;
     };
-    auto with = [](std::vector<unsigned char> b, size_t at, uint64_t v) {
-        std::memcpy(b.data() + at, &v, sizeof v);
-        return b;
+    // A field rewritten, and the checksum made to match, so that the field itself is refused.
+    auto with = [](std::vector<unsigned char> b, size_t at, uint64_t v, size_t width = 8) {
+        std::memcpy(b.data() + at, &v, width);
+        return sealed(b);
     };
     const size_t payload = QMO_SEQ_PARTIAL_HEADER_BYTES;
     // Ten positions where the limit is nine, with the bytes and the length to match.
-    auto ten = with(first, payload + 8, 10);
+    auto ten = first;
     ten.resize(ten.size() + 8);
-    ten = with(ten, 16, ten.size() - payload);
+    ten = with(with(ten, payload + 8, 10), 16, ten.size() - payload);
     // A hash partial whose second group repeats the first one's key.
     auto twice = hash;
     const size_t group = 2 + 8 + 8;
     std::memcpy(twice.data() + payload + 8 + group, twice.data() + payload + 8, 2);
-    auto version2 = sum;
-    version2[4] = 2;
+    twice = sealed(twice);
+    auto unsealed = sum;
+    std::memset(unsealed.data() + 12, 0, 4);
     const Row rows[] = {
-        {"version 2", kSamples[0], version2, QMO_SEQ_INVALID_ARGUMENT},
+        {"version 1 (no checksum)", kSamples[0], with(unsealed, 4, 1, 2), QMO_SEQ_INVALID_ARGUMENT},
+        {"version 3", kSamples[0], with(sum, 4, 3, 2), QMO_SEQ_INVALID_ARGUMENT},
+        {"another magic", kSamples[0], with(sum, 0, 0x52505352, 4), QMO_SEQ_INVALID_ARGUMENT},
+        {"unknown family", kSamples[0], with(sum, 6, 99, 2), QMO_SEQ_TYPE_MISMATCH},
         {"payload length off by one", kSamples[0], with(sum, 16, 25), QMO_SEQ_INVALID_ARGUMENT},
         {"more groups than bytes", kSamples[5], with(hash, payload, 1'000'000), QMO_SEQ_INVALID_ARGUMENT},
         {"group count wrapping the size", kSamples[5], with(hash, payload, ~uint64_t{0} / 2), QMO_SEQ_INVALID_ARGUMENT},
@@ -330,26 +352,151 @@ TEST(PartialsExport, SizeQueryAndShortBuffer) {
     EXPECT_EQ(h.payload_bytes, 24u);
 }
 
-// A hash import that runs out of memory at any allocation changes nothing and leaks nothing.
-TEST(PartialsExport, HashImportSurvivesRefusedMemory) {
-    const auto bytes = prepared_bytes(kSamples[6]);
-    for (int k = 1;; ++k) {
-        int rc;
-        {
-            Hooks hooks;
-            Part p;
-            kSamples[6].build(p, 1, 1);
-            Hooks::calls = 0;
-            Hooks::refuse_from = k;
-            const Iter before = p.agg;
-            rc = qmo_seq_import_partial(&p.agg, bytes.data(), bytes.size());
-            if (rc == QMO_SEQ_NO_MEMORY) EXPECT_EQ(std::memcmp(&p.agg, &before, sizeof before), 0);
-            else EXPECT_EQ(rc, 0);
-            qmo_seq_release_hash(&p.agg);
-            EXPECT_TRUE(Hooks::live.empty()) << "refused from allocation " << k;
+// An import refused its k-th allocation, for every k, changes nothing and leaks nothing.
+TEST(PartialsExport, EveryImportSurvivesRefusedMemory) {
+    for (const Sample &s : kSamples) {
+        const auto bytes = prepared_bytes(s);
+        for (int k = 1;; ++k) {
+            int rc;
+            {
+                Hooks hooks;
+                Part p;
+                s.build(p, 1, 1);
+                p.agg.prepare(&p.agg);
+                Hooks::calls = 0;
+                Hooks::refuse_from = k;
+                const Iter before = p.agg;
+                rc = qmo_seq_import_partial(&p.agg, bytes.data(), bytes.size());
+                if (rc == QMO_SEQ_NO_MEMORY) EXPECT_EQ(std::memcmp(&p.agg, &before, sizeof before), 0) << s.name;
+                else EXPECT_EQ(rc, 0) << s.name;
+                if (qmo_seq_is_hash_aggreate(&p.agg)) qmo_seq_release_hash(&p.agg);
+                EXPECT_TRUE(Hooks::live.empty()) << s.name << ": refused from allocation " << k;
+            }
+            if (rc == 0) break;
         }
-        if (rc == 0) break;
     }
+}
+
+// ---- carried state ---------------------------------------------------------------------
+
+std::vector<unsigned char> exported_state(const Iter *it) {
+    uint64_t size = 0;
+    EXPECT_EQ(qmo_seq_export_state(it, nullptr, &size), 0);
+    std::vector<unsigned char> bytes(size);
+    EXPECT_EQ(qmo_seq_export_state(it, bytes.data(), &size), 0);
+    return bytes;
+}
+
+// The column cut into partitions (empty ones, one shorter than a window,
+// cuts inside tiles), each continued from the one before's state: the
+// elements and null bits of one record over the whole, bit for bit.
+template <class Tag>
+void expect_carried_like_one_record(const std::function<int(Iter *, Iter *)> &make, bool with_nulls) {
+    std::vector<V<Tag>> v(kRows);
+    std::vector<size_t> nulls;
+    for (size_t i = 0; i < kRows; ++i) {
+        v[i] = static_cast<V<Tag>>(static_cast<double>(i * 37 % 101) - (is_float_v<Tag> || is_signed_v<Tag> ? 50 : 0) +
+                                   (is_float_v<Tag> ? 0.1 * static_cast<double>(i) : 0));
+        if (with_nulls && (i == 0 || i % 7 == 3)) nulls.push_back(i);
+    }
+    Source<Tag> whole(v, nulls, {100, 128});
+    Iter one;
+    ASSERT_EQ(make(&one, &whole.it), 0);
+    const auto want = drain<std::string>(&one);
+    Drained<std::string> got;
+    std::vector<unsigned char> state;
+    const size_t cuts[] = {0, 0, 1, 130, 131, 400, 400, kRows};
+    for (size_t c = 0; c + 1 < std::size(cuts); ++c) {
+        std::vector<size_t> part_nulls;
+        for (size_t i : nulls)
+            if (i >= cuts[c] && i < cuts[c + 1]) part_nulls.push_back(i - cuts[c]);
+        Source<Tag> part({v.begin() + cuts[c], v.begin() + cuts[c + 1]}, part_nulls, {100, 128});
+        Iter rec;
+        ASSERT_EQ(make(&rec, &part.it), 0);
+        if (!state.empty()) {
+            ASSERT_EQ(qmo_seq_import_state(&rec, state.data(), state.size()), 0);
+        }
+        const auto d = drain<std::string>(&rec);
+        got.values.insert(got.values.end(), d.values.begin(), d.values.end());
+        got.nulls.insert(got.nulls.end(), d.nulls.begin(), d.nulls.end());
+        state = exported_state(&rec);
+    }
+    EXPECT_EQ(got.values, want.values);
+    EXPECT_EQ(got.nulls, want.nulls);
+}
+
+template <class Tag>
+struct Carried : ::testing::Test {};
+TYPED_TEST_SUITE(Carried, NumericTypes);
+
+TYPED_TEST(Carried, WindowsAndCumulativeAggregatesContinueFromTheStateBitForBit) {
+    using T = TypeParam;
+#define TEST_WINDOW_(family, ...) fn::family<T>,
+#define TEST_CUM_(family, ...) fn::family<T>,
+    for (auto make : {QMO_SEQ_WINDOW_FAMILIES(TEST_WINDOW_)})
+        for (uint64_t n : {size_t{1}, size_t{5}, QMO_SEQ_WINDOW_RING_BYTES / sizeof(V<T>)})
+            expect_carried_like_one_record<T>([&](Iter *r, Iter *in) { return make(r, in, n); }, false);
+    for (auto make : {QMO_SEQ_CUMULATIVE_FAMILIES(TEST_CUM_)}) expect_carried_like_one_record<T>(make, true);
+#undef TEST_WINDOW_
+#undef TEST_CUM_
+}
+
+TEST(CarriedRefused, OtherRecordsLengthsAndDamagedBytes) {
+    Source<t_double> a({1, 2, 3}), b({1, 2, 3}), c({1}), d({1});
+    Iter ema5, ema6, cum, sum;
+    ASSERT_EQ(qmo_seq_window_agg_ema_double(&ema5, &a.it, 5), 0);
+    ASSERT_EQ(qmo_seq_window_agg_ema_double(&ema6, &b.it, 6), 0);
+    ASSERT_EQ(qmo_seq_cum_agg_sum_double(&cum, &c.it), 0);
+    ASSERT_EQ(qmo_seq_agg_sum_double(&sum, &d.it), 0);
+    drain<double>(&ema5);
+    const auto state = exported_state(&ema5);
+    auto flipped = state;
+    flipped[40] ^= 4;
+    uint64_t size = 0;
+    EXPECT_EQ(qmo_seq_export_state(&sum, nullptr, &size), QMO_SEQ_TYPE_MISMATCH);
+    // The cumulative record's own state with its position and count rewritten.
+    auto cum_state = [&](uint64_t pos, uint64_t count) {
+        auto bytes = exported_state(&cum);
+        std::memcpy(bytes.data() + QMO_SEQ_PARTIAL_HEADER_BYTES, &pos, 8);
+        std::memcpy(bytes.data() + QMO_SEQ_PARTIAL_HEADER_BYTES + 8, &count, 8);
+        return sealed(bytes);
+    };
+    const struct {
+        const char *what;
+        Iter *into;
+        std::vector<unsigned char> bytes;
+        int status;
+    } rows[] = {
+        {"another window length", &ema6, state, QMO_SEQ_TYPE_MISMATCH},
+        {"another family", &cum, state, QMO_SEQ_TYPE_MISMATCH},
+        {"not a series record", &sum, state, QMO_SEQ_TYPE_MISMATCH},
+        {"a flipped bit", &ema6, flipped, QMO_SEQ_INVALID_ARGUMENT},
+        {"cut short", &ema6, {state.begin(), state.end() - 1}, QMO_SEQ_INVALID_ARGUMENT},
+        {"a partial result", &ema6, prepared_bytes(kSamples[0]), QMO_SEQ_TYPE_MISMATCH},
+        {"more counted than seen", &cum, cum_state(1, 1), QMO_SEQ_INVALID_ARGUMENT},
+        {"a position that would wrap", &cum, cum_state(~uint64_t{0}, 0), QMO_SEQ_INVALID_ARGUMENT},
+    };
+    for (const auto &r : rows) {
+        const Iter before = *r.into;
+        EXPECT_EQ(qmo_seq_import_state(r.into, r.bytes.data(), r.bytes.size()), r.status) << r.what;
+        EXPECT_EQ(std::memcmp(r.into, &before, sizeof before), 0) << r.what;
+    }
+}
+
+// Known values of CRC-32C; both variants agree over every length and alignment.
+TEST(PartialsChecksum, KnownValuesAndBothVariantsAgree) {
+    const char *digits = "123456789";
+    EXPECT_EQ(qmo::crc32c(0, digits, 9), 0xE3069283u);
+    EXPECT_EQ(qmo::crc32c(qmo::crc32c(0, digits, 4), digits + 4, 5), 0xE3069283u);
+    EXPECT_EQ(qmo::crc32c(0, std::vector<unsigned char>(32, 0).data(), 32), 0x8A9136AAu);
+    EXPECT_EQ(qmo::crc32c(0, std::vector<unsigned char>(32, 0xFF).data(), 32), 0x62A8AB43u);
+    if (!qmo::crc32c_hardware) GTEST_SKIP() << "no crc32 instruction here";
+    std::vector<unsigned char> bytes(300);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i * 131 + 7);
+    for (size_t from = 0; from < 9; ++from)
+        for (size_t n = 0; from + n <= bytes.size(); n += 1 + n / 8)
+            ASSERT_EQ(qmo::crc32c_hardware(7, bytes.data() + from, n), qmo::crc32c_portable(7, bytes.data() + from, n))
+                << from << " " << n;
 }
 
 }  // namespace

@@ -278,3 +278,35 @@ def test_alignment_matches_numpy():
     with pytest.raises(q.Error) as raised:
         q.union(q.array(np.array([2, 1], dtype=np.int32)), q.array(np.array([], dtype=np.int32))).evaluate()
     assert raised.value.status == 62
+
+
+def _sealed(b):
+    """The bytes with their checksum made to match (CRC-32C of all but bytes 12-15)."""
+    def crc(data, c=0):
+        c ^= 0xFFFFFFFF
+        for byte in data:
+            c ^= byte
+            for _ in range(8):
+                c = (c >> 1) ^ 0x82F63B78 if c & 1 else c >> 1
+        return c ^ 0xFFFFFFFF
+    b = bytearray(b)
+    b[12:16] = crc(b[16:], crc(b[:12])).to_bytes(4, "little")
+    return bytes(b)
+
+
+def test_every_flipped_bit_and_unknown_type_raise_the_packages_error():
+    x = q.array(np.arange(300, dtype=np.int16))
+    keys = q.array(np.arange(300, dtype=np.uint8) % 7)
+    for part in (x.sum().partial(), x.approx_distinct().partial(), x.group_by(keys).sum().partial()):
+        for bit in range(len(part) * 8):
+            bad = bytearray(part)
+            bad[bit // 8] ^= 1 << bit % 8
+            with pytest.raises(q.Error) as raised:
+                q.result([bytes(bad)])
+            assert raised.value.status == 62
+        for at in (8, 9):  # an element or key type no record has, checksum intact
+            bad = bytearray(part)
+            bad[at] = 11
+            with pytest.raises(q.Error) as raised:
+                q.result([_sealed(bad)])
+            assert raised.value.status in (57, 61)
