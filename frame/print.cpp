@@ -1,11 +1,10 @@
 // Printing a sequence as the text its parse source reads: "{1,null,3}".
-// Default formats round-trip: integers through std::to_chars (inline, exact),
-// floats with 9 and doubles with 17 significant digits; a caller's printf format is checked and rewritten before it reaches
+// Default formats round-trip: integers in decimal, floats with 9 and doubles
+// with 17 significant digits; a caller's printf format is checked and rewritten before it reaches
 // snprintf, so printf only ever sees a conversion it is given the right
 // argument for, with width and precision bounded.
 #include "frame/record.hpp"
 
-#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -155,6 +154,53 @@ struct StreamSink {
 
 // ---- one element --------------------------------------------------------------
 
+// "00" "01" ... "99": decimal digits two at a time.
+struct DigitPairs {
+    char d[200];
+    constexpr DigitPairs() : d() {
+        for (int i = 0; i < 100; ++i) {
+            d[2 * i] = static_cast<char>('0' + i / 10);
+            d[2 * i + 1] = static_cast<char>('0' + i % 10);
+        }
+    }
+};
+inline constexpr DigitPairs kPairs{};
+
+// Here rather than std::to_chars, whose out-of-line helpers would be
+// exported with default visibility from builds that do not inline them.
+template <class U>
+char *write_decimal(char *q, U v) noexcept {
+    char digits[20];
+    char *const end = digits + sizeof digits;
+    char *p = end;
+    while (v >= 100) {
+        const unsigned r = static_cast<unsigned>(v % 100);
+        v /= 100;
+        p -= 2;
+        std::memcpy(p, kPairs.d + 2 * r, 2);
+    }
+    if (v >= 10) {
+        p -= 2;
+        std::memcpy(p, kPairs.d + 2 * static_cast<unsigned>(v), 2);
+    } else {
+        *--p = static_cast<char>('0' + static_cast<unsigned>(v));
+    }
+    std::memcpy(q, p, static_cast<size_t>(end - p));
+    return q + (end - p);
+}
+
+template <class T>
+char *write_integer(char *q, T v) noexcept {
+    using U = std::conditional_t<sizeof(T) <= 4, uint32_t, uint64_t>;
+    if constexpr (std::is_signed_v<T>) {
+        if (v < 0) {
+            *q++ = '-';
+            return write_decimal<U>(q, static_cast<U>(U{0} - static_cast<U>(v)));
+        }
+    }
+    return write_decimal<U>(q, static_cast<U>(v));
+}
+
 template <class E>
 char *write_default(char *q, const Iter *in, unsigned i) noexcept {
     if constexpr (E::is_char) {
@@ -178,11 +224,11 @@ char *write_default(char *q, const Iter *in, unsigned i) noexcept {
                 return q + 3;
             }
             // Enough digits to round-trip every value. (std::to_chars would be
-            // shortest, but for floating point it lives in the compiled C++
+            // shortest, but its floating-point part lives in the compiled C++
             // runtime, which C programs linking the static library lack.)
             return q + std::snprintf(q, 32, sizeof v == 4 ? "%.9g" : "%.17g", static_cast<double>(v));
         } else {
-            return std::to_chars(q, q + 24, v).ptr;
+            return write_integer(q, v);
         }
     }
 }
