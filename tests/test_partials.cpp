@@ -193,12 +193,12 @@ const Sample kSamples[] = {
      }},
     {"sum of int8", [](Part &p, size_t i, size_t k) { qmo_seq_agg_sum_int8(&p.agg, column<t_int8>(p, i, k)); }},
 // Every other family once: the mergeable folds of the registry, then the rest.
-#define TEST_ROW_(family, shape, ...) TEST_ROW_##shape(family)
-#define TEST_ROW_AGGREGATE(family) TEST_ONE_(family)
-#define TEST_ROW_PAIR_AGGREGATE(family) TEST_PAIR_(family)
-#define TEST_ROW_UNARY(family)
-#define TEST_ROW_SINGLE(family)
-#define TEST_ROW_MERGED_SINGLE(family)
+#define TEST_SAMPLE_(family, shape, ...) TEST_SAMPLE_##shape(family)
+#define TEST_SAMPLE_AGGREGATE(family) TEST_ONE_(family)
+#define TEST_SAMPLE_PAIR_AGGREGATE(family) TEST_PAIR_(family)
+#define TEST_SAMPLE_UNARY(family)
+#define TEST_SAMPLE_SINGLE(family)
+#define TEST_SAMPLE_MERGED_SINGLE(family)
 #define TEST_ONE_(op) {#op, [](Part &p, size_t i, size_t k) { fn::op<t_int4>(&p.agg, column<t_int4>(p, i, k)); }},
 #define TEST_PAIR_(op)                                                                         \
     {#op, [](Part &p, size_t i, size_t k) {                                                    \
@@ -208,17 +208,17 @@ const Sample kSamples[] = {
     {#op, [](Part &p, size_t i, size_t k) {                                                                  \
          fn::op<t_uint2>(&p.agg, &p.grp, column<t_uint2>(p, i, k), column<t_int8>(p, i, k, 1), 0);           \
      }},
-    QMO_SEQ_SCALAR_FAMILIES(TEST_ROW_) QMO_SEQ_PAIR_FAMILIES(TEST_ROW_)
+    QMO_SEQ_SCALAR_FAMILIES(TEST_SAMPLE_) QMO_SEQ_PAIR_FAMILIES(TEST_SAMPLE_)
     TEST_HASH_(hash_agg_max) TEST_HASH_(hash_agg_min) TEST_HASH_(hash_agg_avg)
 #undef TEST_ONE_
 #undef TEST_PAIR_
 #undef TEST_HASH_
-#undef TEST_ROW_
-#undef TEST_ROW_AGGREGATE
-#undef TEST_ROW_PAIR_AGGREGATE
-#undef TEST_ROW_UNARY
-#undef TEST_ROW_SINGLE
-#undef TEST_ROW_MERGED_SINGLE
+#undef TEST_SAMPLE_
+#undef TEST_SAMPLE_AGGREGATE
+#undef TEST_SAMPLE_PAIR_AGGREGATE
+#undef TEST_SAMPLE_UNARY
+#undef TEST_SAMPLE_SINGLE
+#undef TEST_SAMPLE_MERGED_SINGLE
     {"count_not_null", [](Part &p, size_t i, size_t k) { qmo_seq_agg_count_not_null(&p.agg, column<t_int2>(p, i, k)); }},
     {"top_max", [](Part &p, size_t i, size_t k) { qmo_seq_top_max_double(&p.agg, column<t_double>(p, i, k), 7); }},
     {"top_min", [](Part &p, size_t i, size_t k) { qmo_seq_top_min_uint1(&p.agg, column<t_uint1>(p, i, k), 3); }},
