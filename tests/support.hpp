@@ -223,6 +223,22 @@ Drained<T> drain_replayed(Iter *it) {
     return d;
 }
 
+// A reset after a first pull rewinds to exactly the first pass, which must be
+// `expected` wherever it is not null (values under nulls are unspecified).
+template <class T>
+void expect_rewound_pass(Iter *out, const Drained<T> &expected) {
+    out->next(out);
+    ASSERT_EQ(out->reset(out), 0);
+    const Drained<T> d = drain_replayed<T>(out);
+    EXPECT_EQ(d.status, QMO_SEQ_END);
+    ASSERT_EQ(d.nulls, expected.nulls);
+    for (size_t i = 0; i < expected.values.size(); ++i) {
+        if (!expected.nulls[i]) {
+            ASSERT_EQ(d.values[i], expected.values[i]) << "element " << i;
+        }
+    }
+}
+
 // Builds make(result, args...), which must succeed, and drains the result.
 template <class T, class Make, class... Args>
 Drained<T> run(Make make, Args... args) {
