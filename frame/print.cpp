@@ -29,7 +29,7 @@ constexpr Kind kind_of() {
 
 // A checked format rewritten with the length modifier of the argument it
 // will get; as_unsigned: a signed element printed by an unsigned conversion.
-struct Spec {
+struct Conversion {
     char text[kFormatMax + 8];
     bool as_unsigned = false;
 };
@@ -43,19 +43,19 @@ bool bounded_number(const char *f, size_t &i) noexcept {
     return true;
 }
 
-bool check_format(const char *f, Kind kind, Spec &spec) noexcept {
+bool check_format(const char *f, Kind kind, Conversion &conversion) noexcept {
     // The rewrite adds at most two bytes ("ll" where no modifier was given).
     if (strnlen(f, kFormatMax + 1) > kFormatMax) return false;
     size_t i = 0, o = 0;
     int conversions = 0;
     while (f[i] != '\0') {
         if (f[i] != '%') {
-            spec.text[o++] = f[i++];
+            conversion.text[o++] = f[i++];
             continue;
         }
         if (f[i + 1] == '%') {
-            spec.text[o++] = '%';
-            spec.text[o++] = '%';
+            conversion.text[o++] = '%';
+            conversion.text[o++] = '%';
             i += 2;
             continue;
         }
@@ -82,7 +82,7 @@ bool check_format(const char *f, Kind kind, Spec &spec) noexcept {
         case Kind::signed_int:
         case Kind::unsigned_int:
             if (!has("diuoxX", c) || (alternate && !has("oxX", c))) return false;
-            spec.as_unsigned = kind == Kind::signed_int && !has("di", c);
+            conversion.as_unsigned = kind == Kind::signed_int && !has("di", c);
             break;
         case Kind::floating:
             if (!has("fFeEgGaA", c)) return false;
@@ -91,16 +91,16 @@ bool check_format(const char *f, Kind kind, Spec &spec) noexcept {
             if (c != 's') return false;
             break;
         }
-        std::memcpy(spec.text + o, f + start, body_end - start);
+        std::memcpy(conversion.text + o, f + start, body_end - start);
         o += body_end - start;
         if (kind == Kind::signed_int || kind == Kind::unsigned_int) {
-            spec.text[o++] = 'l';
-            spec.text[o++] = 'l';
+            conversion.text[o++] = 'l';
+            conversion.text[o++] = 'l';
         }
-        spec.text[o++] = c;
+        conversion.text[o++] = c;
     }
     if (conversions != 1) return false;
-    spec.text[o] = '\0';
+    conversion.text[o] = '\0';
     return true;
 }
 
@@ -234,23 +234,23 @@ char *write_default(char *q, const Iter *in, unsigned i) noexcept {
 }
 
 template <class E>
-char *write_formatted(char *q, size_t room, const Iter *in, unsigned i, const Spec &spec) noexcept {
+char *write_formatted(char *q, size_t room, const Iter *in, unsigned i, const Conversion &conversion) noexcept {
     int n;
     if constexpr (E::is_char) {
         const unsigned w = in->elem_size;
         char copy[QMO_SEQ_MAX_CHAR_WIDTH + 1];
         std::memcpy(copy, tile<char>(in) + size_t{i} * w, w);
         copy[w] = '\0';
-        n = std::snprintf(q, room, spec.text, copy);
+        n = std::snprintf(q, room, conversion.text, copy);
     } else {
         using T = value_t<E>;
         const T v = tile<T>(in)[i];
-        if constexpr (E::is_float) n = std::snprintf(q, room, spec.text, static_cast<double>(v));
+        if constexpr (E::is_float) n = std::snprintf(q, room, conversion.text, static_cast<double>(v));
         else if constexpr (E::is_signed)
-            n = spec.as_unsigned
-                    ? std::snprintf(q, room, spec.text, static_cast<unsigned long long>(static_cast<std::make_unsigned_t<T>>(v)))
-                    : std::snprintf(q, room, spec.text, static_cast<long long>(v));
-        else n = std::snprintf(q, room, spec.text, static_cast<unsigned long long>(v));
+            n = conversion.as_unsigned
+                    ? std::snprintf(q, room, conversion.text, static_cast<unsigned long long>(static_cast<std::make_unsigned_t<T>>(v)))
+                    : std::snprintf(q, room, conversion.text, static_cast<long long>(v));
+        else n = std::snprintf(q, room, conversion.text, static_cast<unsigned long long>(v));
     }
     // The bounds make both impossible; never count bytes that were not written.
     if (n < 0) n = 0;
@@ -260,7 +260,7 @@ char *write_formatted(char *q, size_t room, const Iter *in, unsigned i, const Sp
 
 // Writes the whole text of `in` from its cursor to `sink`.
 template <class E, class Sink>
-int print_all(Iter *in, const Spec *spec, Sink &sink) noexcept {
+int print_all(Iter *in, const Conversion *conversion, Sink &sink) noexcept {
     char *p = sink.reserve();
     *p = '{';
     sink.commit(1);
@@ -282,8 +282,8 @@ int print_all(Iter *in, const Spec *spec, Sink &sink) noexcept {
             if (is_null(in, i)) {
                 std::memcpy(q, "null", 4);
                 q += 4;
-            } else if (spec) {
-                q = write_formatted<E>(q, kElementMax - static_cast<size_t>(q - p), in, i, *spec);
+            } else if (conversion) {
+                q = write_formatted<E>(q, kElementMax - static_cast<size_t>(q - p), in, i, *conversion);
             } else {
                 q = write_default<E>(q, in, i);
             }
@@ -300,19 +300,19 @@ int print_all(Iter *in, const Spec *spec, Sink &sink) noexcept {
 
 // Type and binding of the input, then the format.
 template <class E>
-int check_print(const Iter *in, const char *format, Spec &spec) noexcept {
+int check_print(const Iter *in, const char *format, Conversion &conversion) noexcept {
     if (int rc = check_readable(in, E::code)) return rc;
-    if (format && !check_format(format, kind_of<E>(), spec)) return QMO_SEQ_INVALID_ARGUMENT;
+    if (format && !check_format(format, kind_of<E>(), conversion)) return QMO_SEQ_INVALID_ARGUMENT;
     return QMO_SEQ_OK;
 }
 
 template <class E>
 int print(Iter *in, char *buffer, uint64_t *size, const char *format) noexcept {
-    Spec spec;
-    if (int rc = check_print<E>(in, format, spec)) return rc;
+    Conversion conversion;
+    if (int rc = check_print<E>(in, format, conversion)) return rc;
     if (!size || (!buffer && *size)) return QMO_SEQ_INVALID_ARGUMENT;
     BufferSink sink(buffer, *size);
-    if (int rc = print_all<E>(in, format ? &spec : nullptr, sink)) return rc;
+    if (int rc = print_all<E>(in, format ? &conversion : nullptr, sink)) return rc;
     if (sink.total < sink.capacity) {
         buffer[sink.total] = '\0';
         *size = sink.total;
@@ -325,11 +325,11 @@ int print(Iter *in, char *buffer, uint64_t *size, const char *format) noexcept {
 
 template <class E>
 int print_stream(Iter *in, const char *format, qmo_seq_write_fn write, void *context) noexcept {
-    Spec spec;
-    if (int rc = check_print<E>(in, format, spec)) return rc;
+    Conversion conversion;
+    if (int rc = check_print<E>(in, format, conversion)) return rc;
     if (!write) return QMO_SEQ_INVALID_ARGUMENT;
     StreamSink sink(write, context);
-    if (int rc = print_all<E>(in, format ? &spec : nullptr, sink)) return rc;
+    if (int rc = print_all<E>(in, format ? &conversion : nullptr, sink)) return rc;
     sink.flush();
     return sink.status();
 }
