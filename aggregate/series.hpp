@@ -36,22 +36,6 @@ inline double variance(double s1, double s2, double d) noexcept {
     return (s2 - s1 * s1 / d) / d;
 }
 
-// ---- state words ------------------------------------------------------------------
-
-// The low-order bytes of state word k, as an A.
-template <class A>
-inline A load_word(const Iter *it, unsigned k) noexcept {
-    A a;
-    std::memcpy(&a, &it->state[k], sizeof a);
-    return a;
-}
-
-template <class A>
-inline void store_word(Iter *it, unsigned k, A a) noexcept {
-    it->state[k] = 0;
-    std::memcpy(&it->state[k], &a, sizeof a);
-}
-
 // Accumulator words k0, k0 + 1, ... of a record, loaded into and stored from
 // an array that the compiler keeps in registers while a tile is folded.
 template <class A, unsigned K>

@@ -8,8 +8,6 @@
 namespace qmo {
 namespace {
 
-using align::load;
-using align::store;
 
 // Operator state words: the parameters, then the running state that reset clears.
 enum : unsigned {
@@ -42,14 +40,14 @@ struct Held {
 
 template <class S, class W>
 Held<S, W> load_held(const Iter *it, unsigned word) noexcept {
-    return {it->state[word] != 0, load<S>(it, word + 1), load<W>(it, word + 2), it->state[word + 3] != 0};
+    return {it->state[word] != 0, load_word<S>(it, word + 1), load_word<W>(it, word + 2), it->state[word + 3] != 0};
 }
 
 template <class S, class W>
 void store_held(Iter *it, unsigned word, const Held<S, W> &h) noexcept {
     it->state[word] = h.has;
-    store(it, word + 1, h.stamp);
-    store(it, word + 2, h.value);
+    store_word(it, word + 1, h.stamp);
+    store_word(it, word + 2, h.value);
     it->state[word + 3] = h.null;
 }
 
@@ -71,10 +69,10 @@ template <class S, class W, bool Before>
         }
         store_held<S, W>(it, kLastHas, {true, r[m - 1], v[m - 1], is_null(values, m - 1)});
     }
-    S prev = load<S>(it, kRightPrev);
+    S prev = load_word<S>(it, kRightPrev);
     bool has = it->state[kRightHas] != 0;
     if (int rc = align::pull_ascending(stamps, prev, has)) return rc;
-    store(it, kRightPrev, prev);
+    store_word(it, kRightPrev, prev);
     it->state[kRightHas] = has;
     // The values' own status is not passed on: they must keep step with the stamps.
     if (values->next(values) != QMO_SEQ_OK || values->tile_count != stamps->tile_count)
@@ -93,18 +91,18 @@ int asof_next(Iter *it) noexcept {
     Iter *left = it->operand1, *stamps = it->operand2, *values = it->operand3;
     if (int rc = left->next(left)) return rc;
     const unsigned n = left->tile_count;
-    if (align::any_null(left, n)) return QMO_SEQ_NULL_VALUE;
+    if (any_null(left, n)) return QMO_SEQ_NULL_VALUE;
     const S *l = tile<S>(left);
     // The left stamps' order is checked in the loop that reads them anyway;
     // a tile that fails is not delivered.
-    S left_prev = it->state[kLeftHas] ? load<S>(it, kLeftPrev) : n ? l[0] : S{0};
+    S left_prev = it->state[kLeftHas] ? load_word<S>(it, kLeftPrev) : n ? l[0] : S{0};
     bool ordered = true;
     const S *r = tile<S>(stamps);
     const W *v = tile<W>(values);
     W *out = tile<W>(it);
     uint64_t nulls0 = 0, nulls1 = 0;
     const uint64_t tolerance = it->state[kTolerance];
-    const W filler = load<W>(it, kFiller);
+    const W filler = load_word<W>(it, kFiller);
     bool ended = it->state[kEnded] != 0;
     unsigned j = static_cast<unsigned>(it->state[kIndex]);
     unsigned m = ended ? 0 : stamps->tile_count;
@@ -180,7 +178,7 @@ int asof_next(Iter *it) noexcept {
     it->state[kIndex] = j;
     it->state[kEnded] = ended;
     if (!ordered) return QMO_SEQ_INVALID_ARGUMENT;
-    if (n) store(it, kLeftPrev, left_prev), it->state[kLeftHas] = 1;
+    if (n) store_word(it, kLeftPrev, left_prev), it->state[kLeftHas] = 1;
     it->null_bitmap[0] = nulls0;
     it->null_bitmap[1] = nulls1;
     return deliver(it, n);
@@ -224,7 +222,7 @@ int construct_asof(Iter *result, Iter *left, Iter *stamps, Iter *values, int32_t
     result->state[kDirection] = static_cast<uint64_t>(direction);
     result->state[kTolerance] = tolerance;
     result->state[kExact] = exact;
-    if (filler) store(result, kFiller, *filler);
+    if (filler) store_word(result, kFiller, *filler);
     return QMO_SEQ_OK;
 }
 

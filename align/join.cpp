@@ -8,8 +8,6 @@
 namespace qmo {
 namespace {
 
-using align::load;
-using align::store;
 
 // Output state words.
 enum : unsigned {

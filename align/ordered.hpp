@@ -7,24 +7,6 @@
 
 namespace qmo::align {
 
-template <class T>
-inline T load(const Iter *it, unsigned word) noexcept {
-    T v;
-    std::memcpy(&v, &it->state[word], sizeof v);
-    return v;
-}
-
-template <class T>
-inline void store(Iter *it, unsigned word, T v) noexcept {
-    it->state[word] = 0;
-    std::memcpy(&it->state[word], &v, sizeof v);
-}
-
-// Null bits among the tile's first n elements (bits past the count are stale).
-inline bool any_null(const Iter *it, unsigned n) noexcept {
-    return ((it->null_bitmap[0] & tile_mask(n, 0)) | (it->null_bitmap[1] & tile_mask(n, 1))) != 0;
-}
-
 // a[0..n) ascending and not below prev. Written as <= so that a NaN fails
 // wherever it stands; the comparisons fold into one flag so the loop vectorises.
 template <class T>

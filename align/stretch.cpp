@@ -15,24 +15,6 @@ enum : unsigned {
     kExhausted,    // the source stamps have ended
 };
 
-template <class T>
-T load(const Iter *it, unsigned word) noexcept {
-    T v;
-    std::memcpy(&v, &it->state[word], sizeof v);
-    return v;
-}
-
-template <class T>
-void store(Iter *it, unsigned word, T v) noexcept {
-    it->state[word] = 0;
-    std::memcpy(&it->state[word], &v, sizeof v);
-}
-
-// Null bits among the tile's first n elements (bits past the count are stale).
-inline bool any_null(const Iter *it, unsigned n) noexcept {
-    return ((it->null_bitmap[0] & tile_mask(n, 0)) | (it->null_bitmap[1] & tile_mask(n, 1))) != 0;
-}
-
 // The source's place, held in locals for the length of one target tile.
 template <class TS, class E>
 struct Place {
@@ -43,15 +25,15 @@ struct Place {
     unsigned index;
 
     explicit Place(const Iter *it) noexcept
-        : boundary(load<value_t<TS>>(it, kBoundary)),
-          current(load<value_t<E>>(it, kCurrent)),
+        : boundary(load_word<value_t<TS>>(it, kBoundary)),
+          current(load_word<value_t<E>>(it, kCurrent)),
           null(it->state[kCurrentNull] != 0),
           exhausted(it->state[kExhausted] != 0),
           index(static_cast<unsigned>(it->state[kIndex])) {}
 
     void save(Iter *it) const noexcept {
-        store(it, kBoundary, boundary);
-        store(it, kCurrent, current);
+        store_word(it, kBoundary, boundary);
+        store_word(it, kCurrent, current);
         it->state[kCurrentNull] = null;
         it->state[kExhausted] = exhausted;
         it->state[kIndex] = index;
@@ -80,8 +62,8 @@ template <class TS, class E>
         if (values->next(values) != QMO_SEQ_OK || values->tile_count != count) return QMO_SEQ_LENGTH_MISMATCH;
         if (count == 0) continue;
         it->state[kIndex] = 0;
-        store(it, kBoundary, tile<value_t<TS>>(stamps)[0]);
-        store(it, kCurrent, tile<value_t<E>>(values)[0]);
+        store_word(it, kBoundary, tile<value_t<TS>>(stamps)[0]);
+        store_word(it, kCurrent, tile<value_t<E>>(values)[0]);
         it->state[kCurrentNull] = is_null(values, 0);
         return QMO_SEQ_OK;
     }
@@ -140,7 +122,7 @@ int stretch_next(Iter *it) noexcept {
         ++i;
     }
     // Past the source's end: the filler, never null.
-    const T filler = load<T>(it, kFiller);
+    const T filler = load_word<T>(it, kFiller);
     for (; i < n; ++i) out[i] = filler;
     at.save(it);
     it->null_bitmap[0] = nulls[0];
@@ -165,7 +147,7 @@ int construct_stretch(Iter *result, Iter *target, Iter *stamps, Iter *values, va
     if (int rc = expect_types({target, stamps}, TS::code)) return rc;
     if (int rc = expect_type(values, E::code)) return rc;
     if (int rc = construct(result, Setup{E::code, E::size, next, reset, target, stamps, values})) return rc;
-    store(result, kFiller, filler);
+    store_word(result, kFiller, filler);
     return QMO_SEQ_OK;
 }
 

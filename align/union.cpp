@@ -4,8 +4,6 @@
 namespace qmo {
 namespace {
 
-using align::load;
-using align::store;
 
 // State words, as qmo_seq_reset_union_iterator clears them.
 enum : unsigned {
@@ -19,7 +17,7 @@ template <class E>
 int union_next(Iter *it) noexcept {
     using T = value_t<E>;
     Iter *left = it->operand1, *right = it->operand2;
-    T last = load<T>(it, kLast);
+    T last = load_word<T>(it, kLast);
     uint64_t flags = it->state[kFlags];
     unsigned li = static_cast<uint32_t>(it->state[kCursors]), ri = static_cast<uint32_t>(it->state[kCursors] >> 32);
     T *out = tile<T>(it);
@@ -68,7 +66,7 @@ int union_next(Iter *it) noexcept {
             }
         }
     }
-    store(it, kLast, last);
+    store_word(it, kLast, last);
     it->state[kFlags] = flags;
     it->state[kCursors] = uint64_t{li} | uint64_t{ri} << 32;
     if (rc) return rc;

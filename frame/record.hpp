@@ -164,6 +164,11 @@ inline uint64_t tile_mask(unsigned n, unsigned w) noexcept {
     const unsigned bits = n > 64 * w ? n - 64 * w : 0;
     return bits >= 64 ? ~uint64_t{0} : (uint64_t{1} << bits) - 1;
 }
+// Null bits among the tile's first n elements (bits past the count are stale).
+inline bool any_null(const Iter *it, unsigned n) noexcept {
+    return ((it->null_bitmap[0] & tile_mask(n, 0)) | (it->null_bitmap[1] & tile_mask(n, 1))) != 0;
+}
+
 inline bool has_nulls(const Iter *it) noexcept {
     return (it->null_bitmap[0] | it->null_bitmap[1]) != 0;
 }
@@ -179,6 +184,23 @@ inline void copy_nulls(Iter *to, const Iter *from) noexcept {
 // ---- delivery ---------------------------------------------------------------
 
 // Ends a next call that produced n elements: count and position, status 0.
+// ---- state words ------------------------------------------------------------------
+
+// The low-order bytes of state word k, as an A.
+template <class A>
+inline A load_word(const Iter *it, unsigned k) noexcept {
+    A a;
+    std::memcpy(&a, &it->state[k], sizeof a);
+    return a;
+}
+
+// Stores a into state word k, its unused high bytes zero.
+template <class A>
+inline void store_word(Iter *it, unsigned k, A a) noexcept {
+    it->state[k] = 0;
+    std::memcpy(&it->state[k], &a, sizeof a);
+}
+
 inline int deliver(Iter *it, unsigned n) noexcept {
     it->tile_count = static_cast<uint16_t>(n);
     it->pos += n;
