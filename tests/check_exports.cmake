@@ -2,21 +2,8 @@
 # QMO_SEQ_API: every declared name is defined and visible, and nothing else
 # (none of the core's names, no internal helper) leaks out.
 # Usage: cmake -DLIBRARY=<libqmo_seq.so> -DHEADER=<qmo_seq.h> -DCC=<compiler> -DNM=<nm> -P check_exports.cmake
-execute_process(
-    COMMAND ${CC} -E -P -DQMO_SEQ_API=QMO_SEQ_DECLARED_EXPORT -DQMO_SEQ_CORE_API=QMO_SEQ_DECLARED_CORE ${HEADER}
-    OUTPUT_VARIABLE expanded RESULT_VARIABLE rc)
-if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "cannot preprocess ${HEADER}")
-endif()
-# Semicolons would split CMake list items: declarations end in "@" here.
-string(REPLACE ";" "@" expanded "${expanded}")
-string(REGEX MATCHALL "QMO_SEQ_DECLARED_EXPORT[^@(]*[ *]([A-Za-z_][A-Za-z0-9_]*) *[(@]" declarations "${expanded}")
-set(declared "")
-foreach(d IN LISTS declarations)
-    string(REGEX REPLACE ".*[ *]([A-Za-z_][A-Za-z0-9_]*) *[(@]$" "\\1" name "${d}")
-    list(APPEND declared ${name})
-endforeach()
-list(REMOVE_DUPLICATES declared)
+include(${CMAKE_CURRENT_LIST_DIR}/declared_names.cmake)
+qmo_declared_names(declared ${HEADER} ${CC} FALSE)
 
 execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
