@@ -418,7 +418,6 @@ TYPED_TEST(Join, EveryEqualPairOnceInLeftThenRightOrder) {
 }
 
 TYPED_TEST(Join, LockstepConstructionAndFaults) {
-    using T = V<TypeParam>;
     std::mt19937_64 rng(7);
     Source<TypeParam> l({1, 2, 2, 3}), r({2, 3, 3});
     Source<std::conditional_t<std::is_same_v<TypeParam, t_uint8>, t_datetime, t_uint8>> wrong({1});
